@@ -1,0 +1,119 @@
+// ohmvol3d: the batch front end. Each subcommand runs the core's commands
+// with their gates; no dialog ever waits for a person.
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+
+#include "cli_front_end.h"
+#include "cli_options.h"
+#include "core/commands.h"
+#include "core/cpu_info.h"
+#include "core/data_set.h"
+#include "core/ivp_file.h"
+#include "core/messages.h"
+#include "core/settings_table.h"
+
+namespace {
+
+int Usage_Error(const std::string &error) {
+  std::fprintf(stderr, "ohmvol3d: %s\n\n%s", error.c_str(), Cli_Usage(""));
+  return 2;
+}
+
+int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
+  const std::string verb = opt.args.empty() ? "" : opt.args[0];
+  const std::string file = opt.args.size() > 1 ? opt.args[1] : "";
+  const size_t want = (verb == "save" || verb == "load") ? 2 : 1;
+  if (verb != "show" && verb != "save" && verb != "load" && verb != "reset")
+    return Usage_Error("settings needs show, save FILE, load FILE or reset");
+  if (opt.args.size() != want) return Usage_Error("wrong number of words for 'settings " + verb + "'");
+  if (verb == "show") return ds.Run_Command(CMD_LIST_SETTINGS) ? 1 : 0;
+  if (verb == "save") return ds.Run_Command(CMD_SAVE_IVP, file.c_str()) ? 1 : 0;
+  if (verb == "load") {
+    if (ds.Run_Command(CMD_READ_IVP, file.c_str())) return 1;
+    // Later runs start from these settings.
+    const std::string kept = ds.System_config.Ivp_Path();
+    if (Save_Inversion_Parameters(ds, kept.c_str())) {
+      print_to_buffer(ds.mesg, sizeof ds.mesg, "Cannot create file %s\n", kept.c_str());
+      show_message(ds, ds.mesg, "File Error");
+      return 1;
+    }
+    return 0;
+  }
+  const std::string kept = ds.System_config.Ivp_Path();
+  if (std::remove(kept.c_str()) == 0) {
+    print_to_buffer(ds.mesg, sizeof ds.mesg, "Removed %s: later runs start from the defaults.",
+                    kept.c_str());
+  } else {
+    print_to_buffer(ds.mesg, sizeof ds.mesg, "No kept settings file %s: the defaults are in use.",
+                    kept.c_str());
+  }
+  panel_text(ds, ds.mesg);
+  return 0;
+}
+
+// Subcommands whose work is not built yet go through their command ids, so
+// they refuse with the core's own words.
+int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
+  const std::string &s = opt.subcommand;
+  int id = CMD_READ_DATA;
+  if (s == "export" || s == "plot") id = CMD_READ_RESULTS;
+  if (opt.args.empty()) return Usage_Error(s + " needs a file name");
+  return ds.Run_Command(id, opt.args[0].c_str()) ? 1 : 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  Select_Blas_Kernel(argv);
+
+  Cli_Options opt;
+  std::string error;
+  if (Parse_Cli(argc, argv, opt, error)) return Usage_Error(error);
+  if (opt.version) {
+    std::printf("ohmvol3d %d.%d.%d\n", version_major, version_minor, version_sub);
+    return 0;
+  }
+  if (opt.help) {
+    std::fputs(Cli_Usage(opt.subcommand), stdout);
+    return 0;
+  }
+  const std::string &sub = opt.subcommand;
+  const bool pending = sub == "read" || sub == "mesh" || sub == "forward" ||
+                       sub == "check-mesh" || sub == "invert" || sub == "export" || sub == "plot";
+  if (sub.empty()) return Usage_Error("no subcommand given");
+  if (sub != "info" && sub != "settings" && !pending) return Usage_Error("unknown subcommand '" + sub + "'");
+  if (sub == "info" && !opt.args.empty()) return Usage_Error("info takes no file");
+
+  Cli_Front_State state;
+  state.answer = opt.answer;
+  state.quiet = opt.quiet;
+  Start_Options start;
+  start.buffer_folder = opt.buffer;
+  start.nthreads = opt.threads;
+  static Data_Set ds(start, Make_Cli_Front_End(state));
+  ds.batch_mode = 1;
+  ds.Create();
+  ds.First_Paint();
+
+  // A trace that cannot be created is reported and the run goes on without it.
+  if (opt.trace) ds.Run_Command(CMD_TRACE, "1");
+  if (!opt.ivp.empty() && readinvset(ds, 0, opt.ivp.c_str())) {
+    ds.Exit();
+    return 1;
+  }
+  for (const auto &[key, value] : opt.sets) {
+    if (Set_Setting_Text(ds, *Find_Setting(key.c_str()), value.c_str())) {
+      ds.Exit();
+      return Usage_Error("setting '" + key + "' needs a number, not '" + value + "'");
+    }
+  }
+
+  int result = 0;
+  if (sub == "info") result = ds.Run_Command(CMD_PROGRAM_INFO) ? 1 : 0;
+  else if (sub == "settings") result = Run_Settings(ds, opt);
+  else result = Run_Pending(ds, opt);
+  Cli_Close_Bar(state);
+  ds.Exit();
+  return result;
+}

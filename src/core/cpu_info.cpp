@@ -1,0 +1,121 @@
+#include "core/cpu_info.h"
+
+#include <cpuid.h>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+extern "C" char *openblas_get_corename(void);
+
+namespace {
+
+const char *env_marker = "OHMVOL3D_BLAS_KERNEL_SET";
+
+uint64_t Read_Xcr0() {
+  uint32_t eax, edx;
+  __asm__ volatile("xgetbv" : "=a"(eax), "=d"(edx) : "c"(0));
+  return (static_cast<uint64_t>(edx) << 32) | eax;
+}
+
+} // namespace
+
+void Detect_Cpu(Cpu_Info &cpu) {
+  unsigned a = 0, b = 0, c = 0, d = 0;
+  cpu = Cpu_Info();
+  if (!__get_cpuid(0, &a, &b, &c, &d)) {
+    std::strcpy(cpu.vendor_word, "Unknown");
+    return;
+  }
+  const unsigned max_leaf = a;
+  char word[13];
+  std::memcpy(word, &b, 4);
+  std::memcpy(word + 4, &d, 4);
+  std::memcpy(word + 8, &c, 4);
+  word[12] = 0;
+  if (std::strcmp(word, "GenuineIntel") == 0) {
+    cpu.vendor = 0;
+    std::strcpy(cpu.vendor_word, "Intel");
+  } else if (std::strcmp(word, "AuthenticAMD") == 0) {
+    cpu.vendor = 1;
+    std::strcpy(cpu.vendor_word, "AMD");
+  } else {
+    cpu.vendor = 2;
+    std::strcpy(cpu.vendor_word, "Unknown");
+  }
+
+  __get_cpuid(1, &a, &b, &c, &d);
+  const bool osxsave = (c & bit_OSXSAVE) != 0;
+  const bool avx = (c & bit_AVX) != 0;
+  const bool fma = (c & bit_FMA) != 0;
+  uint64_t xcr0 = osxsave ? Read_Xcr0() : 0;
+  const bool ymm_state = (xcr0 & 0x6) == 0x6;
+  const bool zmm_state = (xcr0 & 0xe6) == 0xe6;
+  bool avx2 = false, avx512 = false;
+  if (max_leaf >= 7) {
+    __get_cpuid_count(7, 0, &a, &b, &c, &d);
+    avx2 = (b & bit_AVX2) != 0;
+    avx512 = (b & bit_AVX512F) != 0 && (b & bit_AVX512DQ) != 0 && (b & bit_AVX512BW) != 0 &&
+             (b & bit_AVX512VL) != 0;
+  }
+  int level = 0;
+  if (avx && ymm_state) level = 1;
+  if (level == 1 && avx2 && fma) level = 2;
+  if (level == 2 && avx512 && zmm_state) level = 3;
+  cpu.instruction_level = level;
+
+  unsigned ext = __get_cpuid_max(0x80000000, nullptr);
+  if (ext >= 0x80000004) {
+    unsigned regs[12];
+    for (unsigned i = 0; i < 3; i++)
+      __get_cpuid(0x80000002 + i, &regs[4 * i], &regs[4 * i + 1], &regs[4 * i + 2],
+                  &regs[4 * i + 3]);
+    char name[49];
+    std::memcpy(name, regs, 48);
+    name[48] = 0;
+    const char *p = name;
+    while (*p == ' ') p++;
+    std::strncpy(cpu.brand, p, sizeof(cpu.brand) - 1);
+  }
+  if (!cpu.brand[0]) std::strcpy(cpu.brand, cpu.vendor_word);
+}
+
+const char *Instruction_Level_Text(int level) {
+  switch (level) {
+  case 1: return "Computer CPU supports AVX instructions.";
+  case 2: return "Computer CPU supports AVX2/FMA instructions.";
+  case 3: return "Computer CPU supports AVX512 instructions.";
+  default: return "Computer CPU supports SSE instructions only.";
+  }
+}
+
+const char *Blas_Core_For(const Cpu_Info &cpu) {
+  switch (cpu.instruction_level) {
+  case 3: return "SkylakeX";
+  case 2: return cpu.vendor == 1 ? "Zen" : "Haswell";
+  case 1: return "Sandybridge";
+  default: return "Nehalem";
+  }
+}
+
+void Select_Blas_Kernel(char **argv) {
+  if (std::getenv("OPENBLAS_CORETYPE")) return; // the user's choice, or already re-executed
+  Cpu_Info cpu;
+  Detect_Cpu(cpu);
+  setenv("OPENBLAS_CORETYPE", Blas_Core_For(cpu), 1);
+  setenv(env_marker, "1", 1);
+  execv("/proc/self/exe", argv);
+  // The re-execution failed: go on with what OpenBLAS chose by itself.
+  unsetenv(env_marker);
+}
+
+const char *Blas_Kernel_Name() {
+  const char *name = openblas_get_corename();
+  return name ? name : "unknown";
+}
+
+const char *Blas_Kernel_Origin() {
+  if (std::getenv(env_marker)) return "set by the program";
+  if (std::getenv("OPENBLAS_CORETYPE")) return "set by the user";
+  return "detected by OpenBLAS";
+}

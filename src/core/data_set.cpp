@@ -1,0 +1,107 @@
+#include "core/data_set.h"
+
+#include <cstdio>
+#include <omp.h>
+#include <unistd.h>
+
+#include "core/cpu_info.h"
+#include "core/ivp_file.h"
+#include "core/memory.h"
+#include "core/messages.h"
+#include "core/trace.h"
+
+Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front) {
+  if (opt.nthreads > 0) omp_set_num_threads(opt.nthreads);
+  System_config.Start(opt);
+  System_config.lim_template.nmax_fix_regions = 1000;
+  Set_Temp_File_Names(file_names, System_config.buffer_folder);
+  Set_Trace_Paths(System_config.buffer_folder);
+}
+
+Data_Set::~Data_Set() { Free_Arrays(); }
+
+int Data_Set::Create() {
+  System_Config &sc = System_config;
+  sc.nthreads = omp_get_max_threads();
+  sc.lim_template.nthreads = sc.nthreads;
+  Data_lim_sys = sc.lim_template;
+  long_tables_status = Allocate_Arrays();
+  Set_Trace_Paths(sc.buffer_folder);
+  Detect_Cpu(sc.cpu);
+  return long_tables_status;
+}
+
+int Data_Set::First_Paint() {
+  current_command = 0;
+  const int ierr = Start_Buffer_Folder(*this, System_config.buffer_folder);
+  Data_lim_sys.disk_free_byte = System_config.disk_free_byte;
+  System_config.lim_template.disk_free_byte = System_config.disk_free_byte;
+  if (access(System_config.Ivp_Path().c_str(), R_OK) == 0)
+    readinvset(*this, 1, System_config.Ivp_Path().c_str());
+  Set_Temp_File_Names(file_names, System_config.buffer_folder);
+  Set_Trace_Paths(System_config.buffer_folder);
+  return ierr;
+}
+
+void Data_Set::Exit() {
+  TRACE("IDM_EXIT\n");
+  System_config.Ini.Write(System_config.Ini_Path());
+  Remove_Exit_Temp_Files(file_names);
+}
+
+int Data_Set::Allocate_Arrays() {
+  const int64_t m = Data_lim_sys.nmax_model;
+  int ierr = 0;
+  for (float *&t : cell_values) ierr |= Allocate_Values(*this, t, m + 1, "model cell values");
+  ierr |= Allocate_Values(*this, cell_flags, m, "model cell flags");
+  TRACE_MEMORY("Allocate_Arrays nmax_model %lld ierr %d\n", static_cast<long long>(m), ierr);
+  return ierr;
+}
+
+void Data_Set::Free_Arrays() {
+  for (float *&t : cell_values) Free_Values(t);
+  Free_Values(cell_flags);
+}
+
+std::string Data_Set::Configuration_Report() const {
+  const System_Config &sc = System_config;
+  const Data_Limits &lim = Data_lim_sys;
+  char cpu_line[512];
+  std::snprintf(cpu_line, sizeof cpu_line, "%s (%s)", sc.cpu.brand, sc.cpu.vendor_word);
+  char level_line[512];
+  std::snprintf(level_line, sizeof level_line, "%s\nOpenBLAS kernel %s, %s.",
+                Instruction_Level_Text(sc.cpu.instruction_level), Blas_Kernel_Name(),
+                Blas_Kernel_Origin());
+  char text[4096];
+  int n = std::snprintf(text, sizeof text,
+                        "PC configuration :-\n%s\nNumber of CPU parallel threads %d\nFree RAM %.1f "
+                        "GB\n%s\nFree buffer disk space in drive %s is %.2f TB\nMonitor screen "
+                        "window is %d by %d\n\n",
+                        cpu_line, sc.nthreads, sc.mem_free_gb, level_line,
+                        sc.buffer_folder.c_str(),
+                        static_cast<double>(sc.disk_free_byte) / 1099511627776.0,
+                        sc.screen_width, sc.screen_height);
+  n += std::snprintf(text + n, sizeof text - n,
+                     "\nMaximum data allowed %d\nMaximum model allowed %d\nMaximum electrodes "
+                     "allowed %d\nMaximum mesh cells %lld\n",
+                     lim.nmax_data, lim.nmax_model, lim.nmax_elecs,
+                     static_cast<long long>(lim.max_cells_mesh));
+  char title[128];
+  std::snprintf(title, sizeof title, "Ohmvol3Dx64 ver. %d.%d.%d", version_major, version_minor,
+                version_sub);
+  std::snprintf(text + n, sizeof text - n, "\n%s\nProgram version date %d-%d-%d", title,
+                version_day, version_month, version_year);
+  return text;
+}
+
+void Data_Set::Show_Configuration_Report() {
+  const std::string report = Configuration_Report();
+  panel_text(*this, "Program and System Configuration");
+  size_t start = 0;
+  while (start <= report.size()) {
+    size_t end = report.find('\n', start);
+    if (end == std::string::npos) end = report.size();
+    panel_text(*this, report.substr(start, end - start).c_str());
+    start = end + 1;
+  }
+}

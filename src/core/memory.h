@@ -1,0 +1,34 @@
+// Large arrays come in whole zero-filled, page-aligned blocks straight from
+// the kernel (mmap), never from the heap, and go back at once when freed.
+#pragma once
+
+#include <cstdint>
+
+class Data_Set;
+
+// A block of `bytes` zero-filled bytes, page-aligned; nullptr on failure.
+void *Allocate_Block(int64_t bytes);
+// Returns a block from Allocate_Block (nullptr is allowed).
+void Free_Block(void *p);
+// Size in bytes of a block from Allocate_Block.
+int64_t Block_Size(const void *p);
+
+// Shows the memory message naming the array and the amount; returns 1.
+int Report_Allocation_Failure(Data_Set &ds, const char *name, int64_t bytes);
+
+// Allocates `n` values of T for the array `name`; on failure shows the memory
+// message naming the array and the amount, and returns 1.
+template <class T> int Allocate_Values(Data_Set &ds, T *&p, int64_t n, const char *name) {
+  const int64_t bytes = (n > 0 ? n : 1) * static_cast<int64_t>(sizeof(T));
+  p = static_cast<T *>(Allocate_Block(bytes));
+  return p ? 0 : Report_Allocation_Failure(ds, name, bytes);
+}
+
+template <class T> void Free_Values(T *&p) {
+  Free_Block(p);
+  p = nullptr;
+}
+
+// Physical memory of the computer: total and available now, in bytes.
+int64_t Total_Memory_Bytes();
+int64_t Available_Memory_Bytes();

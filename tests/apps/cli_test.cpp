@@ -1,0 +1,181 @@
+// The ohmvol3d command line as a user runs it: exit statuses, where output
+// goes, settings files kept between runs, tracing.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+std::string Slurp(const std::string &path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+void Spit(const std::string &path, const std::string &text) {
+  std::ofstream f(path, std::ios::binary);
+  f << text;
+}
+
+struct Run_Result {
+  int status = -1;
+  std::string out, err;
+};
+
+// Each test gets its own configuration and cache folders, so the user's own
+// settings are never touched.
+class Cli : public ::testing::Test {
+protected:
+  std::string dir;
+  void SetUp() override {
+    char tmpl[] = "/tmp/ohmvol3d_cli_XXXXXX";
+    dir = mkdtemp(tmpl);
+  }
+  void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
+  std::string Cfg() const { return dir + "/cfg/ohmvol3d/"; }
+  std::string Buffer() const { return dir + "/cache/ohmvol3d/temp_buffer_3D/"; }
+
+  Run_Result Run(const std::string &args) {
+    const std::string cmd = "cd '" + dir + "' && XDG_CONFIG_HOME='" + dir + "/cfg' XDG_CACHE_HOME='" +
+                            dir + "/cache' '" OHMVOL3D_CLI "' " + args + " >'" + dir +
+                            "/out.txt' 2>'" + dir + "/err.txt' </dev/null";
+    Run_Result r;
+    const int raw = std::system(cmd.c_str());
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    r.out = Slurp(dir + "/out.txt");
+    r.err = Slurp(dir + "/err.txt");
+    return r;
+  }
+  // The value column of one setting in 'settings show'.
+  std::string Shown_Value(const std::string &key) {
+    const Run_Result r = Run("settings show");
+    std::istringstream in(r.out);
+    std::string line;
+    while (std::getline(in, line)) {
+      std::istringstream words(line);
+      std::string k, v;
+      words >> k >> v;
+      if (k == key) return v;
+    }
+    return "";
+  }
+};
+
+TEST_F(Cli, InfoReportsConfigurationAndWritesIni) {
+  const Run_Result r = Run("info");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("PC configuration :-"), std::string::npos);
+  EXPECT_NE(r.out.find("Maximum data allowed "), std::string::npos);
+  EXPECT_NE(r.out.find("Maximum mesh cells "), std::string::npos);
+  EXPECT_NE(r.out.find("OpenBLAS kernel"), std::string::npos);
+  EXPECT_EQ(Slurp(Cfg() + "ohmvol3d.ini").rfind("[programs]\neditor=", 0), 0u);
+  EXPECT_EQ(access(Buffer().c_str(), W_OK), 0) << "buffer folder created";
+}
+
+TEST_F(Cli, UsageErrorsExitTwo) {
+  EXPECT_EQ(Run("").status, 2);
+  EXPECT_EQ(Run("frobnicate").status, 2);
+  EXPECT_EQ(Run("info --bogus").status, 2);
+  EXPECT_EQ(Run("info --set nosuchsetting=1").status, 2);
+  EXPECT_EQ(Run("info --set nit=many").status, 2);
+  EXPECT_EQ(Run("info --set nit").status, 2);
+  EXPECT_EQ(Run("info --threads 0").status, 2);
+  EXPECT_EQ(Run("settings").status, 2);
+  EXPECT_EQ(Run("settings save").status, 2);
+  const Run_Result help = Run("--help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("Usage: ohmvol3d"), std::string::npos);
+  EXPECT_EQ(Run("--version").status, 0);
+}
+
+TEST_F(Cli, UnbuiltCommandsRefuseWithStatusOne) {
+  Spit(dir + "/x.dat", "title\n");
+  const Run_Result r = Run("invert x.dat");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Message: This command is not available yet."), std::string::npos);
+}
+
+TEST_F(Cli, SettingsSaveLoadSaveIsStable) {
+  ASSERT_EQ(Run("settings save a.ivp --set nit=7").status, 0);
+  const Run_Result load = Run("settings load a.ivp");
+  ASSERT_EQ(load.status, 0) << load.err;
+  EXPECT_NE(load.err.find("Inversion settings from file"), std::string::npos);
+  EXPECT_NE(load.out.find("Number of iterations  7"), std::string::npos);
+  ASSERT_EQ(Run("settings save b.ivp").status, 0);
+  const std::string a = Slurp(dir + "/a.ivp");
+  EXPECT_EQ(a.rfind("Inversion settings\n", 0), 0u);
+  EXPECT_EQ(a.substr(a.size() - 13), "\nEnd of file\n");
+  EXPECT_EQ(a, Slurp(dir + "/b.ivp"));
+  // The loaded file is kept: a plain later run starts from it.
+  EXPECT_EQ(Shown_Value("nit"), "7");
+  ASSERT_EQ(Run("settings reset").status, 0);
+  EXPECT_NE(Shown_Value("nit"), "7");
+}
+
+TEST_F(Cli, PartialFileChangesOnlyItsSettingClamped) {
+  ASSERT_EQ(Run("settings save before.ivp").status, 0);
+  Spit(dir + "/one.ivp", "Inversion settings\nInitial damping factor\n50\n");
+  ASSERT_EQ(Run("settings load one.ivp").status, 0);
+  ASSERT_EQ(Run("settings save after.ivp").status, 0);
+  std::istringstream before(Slurp(dir + "/before.ivp")), after(Slurp(dir + "/after.ivp"));
+  std::string lb, la, caption;
+  int differences = 0;
+  while (std::getline(before, lb) && std::getline(after, la)) {
+    if (lb != la) {
+      differences++;
+      EXPECT_EQ(caption, "Initial damping factor");
+      EXPECT_EQ(la, "10.0000");
+    }
+    caption = lb;
+  }
+  EXPECT_EQ(differences, 1);
+}
+
+TEST_F(Cli, WrongHeaderRefusedButSilentAtStart) {
+  Spit(dir + "/bad.ivp", "Some other file\nInitial damping factor\n0.5\n");
+  const Run_Result r = Run("settings load bad.ivp");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error in ivp file format: Error in format of file with inversion "
+                       "settings.\n\nThe first line is given as\nSome other file\n"),
+            std::string::npos);
+  // The same file as the kept settings is passed over without a word.
+  ASSERT_EQ(Run("info").status, 0);
+  Spit(Cfg() + "ohmvol3d.ivp", "Some other file\nInitial damping factor\n0.5\n");
+  const Run_Result start = Run("info");
+  EXPECT_EQ(start.status, 0);
+  EXPECT_EQ(start.err.find("ivp file format"), std::string::npos);
+}
+
+TEST_F(Cli, SetIsClampedAndIvpOptionApplies) {
+  EXPECT_FALSE(Shown_Value("fmarq1").empty()) << "settings show lists fmarq1";
+  const Run_Result r = Run("settings save c.ivp --set fmarq1=50");
+  ASSERT_EQ(r.status, 0);
+  EXPECT_NE(Slurp(dir + "/c.ivp").find("Initial damping factor\n10.0000\n"), std::string::npos);
+  Spit(dir + "/d.ivp", "Inversion settings\nNumber of iterations\n4\n");
+  ASSERT_EQ(Run("settings save e.ivp --ivp d.ivp").status, 0);
+  EXPECT_NE(Slurp(dir + "/e.ivp").find("Number of iterations\n4\n"), std::string::npos);
+  EXPECT_EQ(Run("info --ivp missing.ivp").status, 1);
+}
+
+TEST_F(Cli, TraceFileInBufferFolder) {
+  const Run_Result r = Run("--trace info");
+  EXPECT_EQ(r.status, 0);
+  const std::string trace = Slurp(Buffer() + "o3dtracesx64_Ohm3d.txt");
+  EXPECT_EQ(trace.rfind("3D trace file\n\n", 0), 0u);
+  EXPECT_NE(trace.find("Run_Command 104"), std::string::npos);
+  EXPECT_EQ(Slurp(Buffer() + "o3dmem.txt").rfind("\nMemory trace file\n", 0), 0u);
+
+  Spit(dir + "/plainfile", "x");
+  const Run_Result bad = Run("--trace info --buffer plainfile/buffer");
+  EXPECT_EQ(bad.status, 0);
+  EXPECT_NE(bad.err.find("Trace File Error Message: Could not create trace file\n"),
+            std::string::npos);
+}
+
+} // namespace
