@@ -48,6 +48,9 @@ void System_Config::Start(const Start_Options &opt) {
   Ini.Read(Ini_Path(), program_folder);
 
   buffer_default = Default_Buffer_Folder();
+  // A named folder is always taken; Start_Buffer_Folder warns when it has
+  // less room than a large survey needs.
+  buffer_named = !opt.buffer_folder.empty() || Ini.buffer_set;
   if (!opt.buffer_folder.empty()) buffer_folder = With_Slash(opt.buffer_folder);
   else if (Ini.buffer_set) buffer_folder = With_Slash(Ini.buffer);
   else buffer_folder = buffer_default;

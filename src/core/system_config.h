@@ -29,6 +29,7 @@ public:
   std::string program_folder;  // the configuration folder, ends in '/'
   std::string current_folder;  // ends in '/'
   std::string buffer_default;  // the folder used when none is named
+  int buffer_named = 0;        // 1 when --buffer or ohmvol3d.ini named the folder
   Ini_Settings Ini;            // ohmvol3d.ini
   int nthreads = 1;            // parallel threads
   Cpu_Info cpu;                // vendor word and instruction level

@@ -102,12 +102,15 @@ int Start_Buffer_Folder(Data_Set &ds, const std::string &folder) {
   System_Config &sc = ds.System_config;
   sc.buffer_folder = With_Slash(folder);
   sc.disk_free_byte = Free_Disk_Bytes(sc.buffer_folder);
-  if (sc.disk_free_byte < 91625968981LL) {
-    // The recommended space for large surveys; only a warning, since the check
-    // before a run is what refuses.
+  // The recommended space for large surveys, and more for a folder the user
+  // named. Only warnings: the check before a run is what refuses.
+  const char *need = nullptr;
+  if (sc.disk_free_byte < 91625968981LL) need = "128GB";
+  else if (sc.buffer_named && sc.disk_free_byte < 274877906944LL) need = "256GB";
+  if (need) {
     print_to_buffer(ds.mesg, sizeof ds.mesg,
-                    "Free disk space at %s is %8.2f\nYou need at least 128GB free disk space",
-                    sc.buffer_folder.c_str(), sc.disk_free_byte * gb_factor);
+                    "Free disk space at %s is %8.2f\nYou need at least %s free disk space",
+                    sc.buffer_folder.c_str(), sc.disk_free_byte * gb_factor, need);
     show_message(ds, ds.mesg, "Disk Error");
   }
   const std::string test = sc.buffer_folder + "temp.bin";

@@ -327,31 +327,26 @@ TEST(TempFiles, ChangingTheBufferFolder) {
   EXPECT_FALSE(Exists(fresh + "/testxxx.fil"));
 }
 
-TEST(TempFiles, StartUpDropsIniBufferFolderWithoutRoom) {
-  // A buffer folder named in ohmvol3d.ini is taken only with 256 GiB free;
-  // otherwise the default folder is used.
+TEST(TempFiles, StartUpKeepsNamedBufferFolderAndWarnsWithoutRoom) {
+  // A buffer folder named in ohmvol3d.ini is always taken; with less than
+  // 256 GiB free the start-up warns.
   Temp_Folder tmp;
   ASSERT_TRUE(tmp.ok());
   const std::string named = tmp.sub("inibuf/");
   ASSERT_EQ(Make_Folders(tmp.sub("cfg/")), 0);
   Write_File(tmp.sub("cfg/ohmvol3d.ini"), "[files]\nbuffer=" + named + "\n");
-  const char *old_cache = std::getenv("XDG_CACHE_HOME");
-  const std::string saved = old_cache ? old_cache : "";
-  setenv("XDG_CACHE_HOME", tmp.sub("cache").c_str(), 1);
   Start_Options opt = Test_Start_Options(tmp);
   opt.buffer_folder.clear();
   Front_End_Record rec;
   auto ds = std::make_unique<Data_Set>(opt, Recording_Front_End(rec));
-  if (old_cache)
-    setenv("XDG_CACHE_HOME", saved.c_str(), 1);
-  else
-    unsetenv("XDG_CACHE_HOME");
+  ds->Create();
+  EXPECT_EQ(ds->First_Paint(), 0);
 
   EXPECT_EQ(ds->System_config.Ini.buffer, named);
-  if (Free_Disk_Bytes(named) >= 274877906944LL)
-    EXPECT_EQ(ds->System_config.buffer_folder, named);
-  else
-    EXPECT_EQ(ds->System_config.buffer_folder, tmp.sub("cache/ohmvol3d/temp_buffer_3D/"));
+  EXPECT_EQ(ds->System_config.buffer_folder, named);
+  EXPECT_EQ(ds->file_names.temp[TF_GRROWT], named + "grrowt.bin");
+  const bool low = Free_Disk_Bytes(named) < 274877906944LL;
+  EXPECT_EQ(rec.Count("Disk Error"), low ? 1 : 0);
 }
 
 TEST(TempFiles, ExitRemovesOnlyTheResultFiles) {
