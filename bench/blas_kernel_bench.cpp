@@ -26,7 +26,8 @@ template <class T, class F> double Gflops(int n, F gemm) {
     gemm(n, a.data(), b.data(), c.data());
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     const double g = 2.0 * n * n * static_cast<double>(n) / s * 1e-9;
-    if (g > best) best = g;
+    if (g > best)
+      best = g;
   }
   return best;
 }

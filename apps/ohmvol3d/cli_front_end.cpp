@@ -6,7 +6,9 @@
 
 namespace {
 
-Cli_Front_State &State(void *user) { return *static_cast<Cli_Front_State *>(user); }
+Cli_Front_State &State(void *user) {
+  return *static_cast<Cli_Front_State *>(user);
+}
 
 void Cli_Message(void *user, const char *title, const char *text, int) {
   Cli_Close_Bar(State(user));
@@ -24,7 +26,8 @@ int Cli_Question(void *user, const char *title, const char *text) {
 
 void Cli_Panel_Line(void *user, const char *text, int indent) {
   Cli_Front_State &s = State(user);
-  if (s.quiet) return;
+  if (s.quiet)
+    return;
   Cli_Close_Bar(s);
   std::printf("%s%s\n", indent ? "  " : "", text);
   std::fflush(stdout);
@@ -32,19 +35,22 @@ void Cli_Panel_Line(void *user, const char *text, int indent) {
 
 int Cli_Progress(void *user, const char *text, double fraction) {
   Cli_Front_State &s = State(user);
-  if (s.quiet) return 0;
+  if (s.quiet)
+    return 0;
   const int percent = static_cast<int>(fraction * 100.0 + 0.5);
   if (s.terminal) {
     const int width = 30;
     const int filled = static_cast<int>(fraction * width + 0.5);
     char bar[width + 1];
-    for (int i = 0; i < width; i++) bar[i] = i < filled ? '#' : '-';
+    for (int i = 0; i < width; i++)
+      bar[i] = i < filled ? '#' : '-';
     bar[width] = 0;
     std::fprintf(stderr, "\r[%s] %3d%% %-70.70s", bar, percent, text);
     s.bar_open = true;
   } else {
     const int decile = static_cast<int>(fraction * 10.0);
-    if (s.last_text == text && decile == s.last_decile) return 0;
+    if (s.last_text == text && decile == s.last_decile)
+      return 0;
     std::fprintf(stderr, "%3d%% %s\n", percent, text);
     s.last_decile = decile;
   }
@@ -58,7 +64,8 @@ void Cli_Beep(void *) {}
 } // namespace
 
 void Cli_Close_Bar(Cli_Front_State &s) {
-  if (!s.bar_open) return;
+  if (!s.bar_open)
+    return;
   std::fprintf(stderr, "\n");
   s.bar_open = false;
 }

@@ -7,12 +7,12 @@
 #include "core/front_end.h"
 
 struct Cli_Front_State {
-  int answer = 0;         // the answer to every question
-  bool quiet = false;     // no panel lines and no progress
-  bool terminal = false;  // stderr is a terminal: redraw one bar
-  std::string last_text;  // last progress text shown
-  int last_decile = -1;   // last tenth of progress shown
-  bool bar_open = false;  // a bar is drawn and needs a line end
+  int answer = 0;        // the answer to every question
+  bool quiet = false;    // no panel lines and no progress
+  bool terminal = false; // stderr is a terminal: redraw one bar
+  std::string last_text; // last progress text shown
+  int last_decile = -1;  // last tenth of progress shown
+  bool bar_open = false; // a bar is drawn and needs a line end
 };
 
 Front_End Make_Cli_Front_End(Cli_Front_State &state);

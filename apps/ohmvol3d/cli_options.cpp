@@ -8,14 +8,15 @@
 namespace {
 
 // Options of single subcommands that take a value.
-const char *const valued_named[] = {"-o", "--model", "--noise", "--seed", "--vtk",
-                                    "--format", "--iteration"};
+const char *const valued_named[] = {"-o",    "--model",  "--noise",    "--seed",
+                                    "--vtk", "--format", "--iteration"};
 // Options of single subcommands that stand alone.
 const char *const flag_named[] = {"--ip"};
 
 bool In(const char *word, const char *const *list, size_t n) {
   for (size_t i = 0; i < n; i++)
-    if (std::strcmp(word, list[i]) == 0) return true;
+    if (std::strcmp(word, list[i]) == 0)
+      return true;
   return false;
 }
 
@@ -32,19 +33,28 @@ int Parse_Cli(int argc, char **argv, Cli_Options &opt, std::string &error) {
       out = argv[++i];
       return true;
     };
-    if (a == "--help" || a == "-h") opt.help = true;
-    else if (a == "--version") opt.version = true;
-    else if (a == "--yes") opt.answer = 1;
-    else if (a == "--no") opt.answer = 0;
-    else if (a == "--trace") opt.trace = true;
-    else if (a == "--quiet") opt.quiet = true;
+    if (a == "--help" || a == "-h")
+      opt.help = true;
+    else if (a == "--version")
+      opt.version = true;
+    else if (a == "--yes")
+      opt.answer = 1;
+    else if (a == "--no")
+      opt.answer = 0;
+    else if (a == "--trace")
+      opt.trace = true;
+    else if (a == "--quiet")
+      opt.quiet = true;
     else if (a == "--ivp") {
-      if (!value(opt.ivp)) return 2;
+      if (!value(opt.ivp))
+        return 2;
     } else if (a == "--buffer") {
-      if (!value(opt.buffer)) return 2;
+      if (!value(opt.buffer))
+        return 2;
     } else if (a == "--threads") {
       std::string v;
-      if (!value(v)) return 2;
+      if (!value(v))
+        return 2;
       char *end = nullptr;
       const long n = std::strtol(v.c_str(), &end, 10);
       if (end == v.c_str() || *end || n < 1 || n > 4096) {
@@ -54,7 +64,8 @@ int Parse_Cli(int argc, char **argv, Cli_Options &opt, std::string &error) {
       opt.threads = static_cast<int>(n);
     } else if (a == "--set") {
       std::string kv;
-      if (!value(kv)) return 2;
+      if (!value(kv))
+        return 2;
       const size_t eq = kv.find('=');
       if (eq == std::string::npos || eq == 0) {
         error = "--set needs KEY=VALUE, not '" + kv + "'";
@@ -73,7 +84,8 @@ int Parse_Cli(int argc, char **argv, Cli_Options &opt, std::string &error) {
       opt.sets.emplace_back(key, kv.substr(eq + 1));
     } else if (In(a.c_str(), valued_named, std::size(valued_named))) {
       std::string v;
-      if (!value(v)) return 2;
+      if (!value(v))
+        return 2;
       opt.named.emplace_back(a, v);
     } else if (In(a.c_str(), flag_named, std::size(flag_named))) {
       opt.named.emplace_back(a, "");

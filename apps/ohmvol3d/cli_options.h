@@ -6,17 +6,17 @@
 #include <vector>
 
 struct Cli_Options {
-  std::string subcommand;             // "info", "settings", ...
-  std::vector<std::string> args;      // the subcommand's own words
-  std::string ivp;                    // --ivp FILE
+  std::string subcommand;                                // "info", "settings", ...
+  std::vector<std::string> args;                         // the subcommand's own words
+  std::string ivp;                                       // --ivp FILE
   std::vector<std::pair<std::string, std::string>> sets; // --set KEY=VALUE
-  std::string buffer;                 // --buffer DIR
-  int threads = 0;                    // --threads N
-  int answer = 0;                     // --yes 1, --no 0
-  bool trace = false;                 // --trace
-  bool quiet = false;                 // --quiet
-  bool help = false;                  // --help
-  bool version = false;               // --version
+  std::string buffer;                                    // --buffer DIR
+  int threads = 0;                                       // --threads N
+  int answer = 0;                                        // --yes 1, --no 0
+  bool trace = false;                                    // --trace
+  bool quiet = false;                                    // --quiet
+  bool help = false;                                     // --help
+  bool version = false;                                  // --version
   // Options of single subcommands, kept by name: -o, --model, --format, ...
   std::vector<std::pair<std::string, std::string>> named;
 };

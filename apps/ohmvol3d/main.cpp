@@ -26,11 +26,15 @@ int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
   const size_t want = (verb == "save" || verb == "load") ? 2 : 1;
   if (verb != "show" && verb != "save" && verb != "load" && verb != "reset")
     return Usage_Error("settings needs show, save FILE, load FILE or reset");
-  if (opt.args.size() != want) return Usage_Error("wrong number of words for 'settings " + verb + "'");
-  if (verb == "show") return ds.Run_Command(CMD_LIST_SETTINGS) ? 1 : 0;
-  if (verb == "save") return ds.Run_Command(CMD_SAVE_IVP, file.c_str()) ? 1 : 0;
+  if (opt.args.size() != want)
+    return Usage_Error("wrong number of words for 'settings " + verb + "'");
+  if (verb == "show")
+    return ds.Run_Command(CMD_LIST_SETTINGS) ? 1 : 0;
+  if (verb == "save")
+    return ds.Run_Command(CMD_SAVE_IVP, file.c_str()) ? 1 : 0;
   if (verb == "load") {
-    if (ds.Run_Command(CMD_READ_IVP, file.c_str())) return 1;
+    if (ds.Run_Command(CMD_READ_IVP, file.c_str()))
+      return 1;
     // Later runs start from these settings.
     const std::string kept = ds.System_config.Ivp_Path();
     if (Save_Inversion_Parameters(ds, kept.c_str())) {
@@ -57,8 +61,10 @@ int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
 int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
   const std::string &s = opt.subcommand;
   int id = CMD_READ_DATA;
-  if (s == "export" || s == "plot") id = CMD_READ_RESULTS;
-  if (opt.args.empty()) return Usage_Error(s + " needs a file name");
+  if (s == "export" || s == "plot")
+    id = CMD_READ_RESULTS;
+  if (opt.args.empty())
+    return Usage_Error(s + " needs a file name");
   return ds.Run_Command(id, opt.args[0].c_str()) ? 1 : 0;
 }
 
@@ -69,7 +75,8 @@ int main(int argc, char **argv) {
 
   Cli_Options opt;
   std::string error;
-  if (Parse_Cli(argc, argv, opt, error)) return Usage_Error(error);
+  if (Parse_Cli(argc, argv, opt, error))
+    return Usage_Error(error);
   if (opt.version) {
     std::printf("ohmvol3d %d.%d.%d\n", version_major, version_minor, version_sub);
     return 0;
@@ -79,11 +86,14 @@ int main(int argc, char **argv) {
     return 0;
   }
   const std::string &sub = opt.subcommand;
-  const bool pending = sub == "read" || sub == "mesh" || sub == "forward" ||
-                       sub == "check-mesh" || sub == "invert" || sub == "export" || sub == "plot";
-  if (sub.empty()) return Usage_Error("no subcommand given");
-  if (sub != "info" && sub != "settings" && !pending) return Usage_Error("unknown subcommand '" + sub + "'");
-  if (sub == "info" && !opt.args.empty()) return Usage_Error("info takes no file");
+  const bool pending = sub == "read" || sub == "mesh" || sub == "forward" || sub == "check-mesh" ||
+                       sub == "invert" || sub == "export" || sub == "plot";
+  if (sub.empty())
+    return Usage_Error("no subcommand given");
+  if (sub != "info" && sub != "settings" && !pending)
+    return Usage_Error("unknown subcommand '" + sub + "'");
+  if (sub == "info" && !opt.args.empty())
+    return Usage_Error("info takes no file");
 
   Cli_Front_State state;
   state.answer = opt.answer;
@@ -97,7 +107,8 @@ int main(int argc, char **argv) {
   ds.First_Paint();
 
   // A trace that cannot be created is reported and the run goes on without it.
-  if (opt.trace) ds.Run_Command(CMD_TRACE, "1");
+  if (opt.trace)
+    ds.Run_Command(CMD_TRACE, "1");
   if (!opt.ivp.empty() && readinvset(ds, 0, opt.ivp.c_str())) {
     ds.Exit();
     return 1;
@@ -110,9 +121,12 @@ int main(int argc, char **argv) {
   }
 
   int result = 0;
-  if (sub == "info") result = ds.Run_Command(CMD_PROGRAM_INFO) ? 1 : 0;
-  else if (sub == "settings") result = Run_Settings(ds, opt);
-  else result = Run_Pending(ds, opt);
+  if (sub == "info")
+    result = ds.Run_Command(CMD_PROGRAM_INFO) ? 1 : 0;
+  else if (sub == "settings")
+    result = Run_Settings(ds, opt);
+  else
+    result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);
   ds.Exit();
   return result;

@@ -31,11 +31,14 @@ const char *const not_yet = "This command is not available yet.";
 
 // A dialog's answer: "1"/"yes" or "0"/"no" from the caller, else the question.
 int Answer(Data_Set &ds, const char *path, const char *question, const char *title) {
-  if (path && *path) return std::strchr("1yY", path[0]) != nullptr;
+  if (path && *path)
+    return std::strchr("1yY", path[0]) != nullptr;
   return ask_question(ds, question, title);
 }
 
-int Run_Nothing(Data_Set &, const char *) { return 0; }
+int Run_Nothing(Data_Set &, const char *) {
+  return 0;
+}
 
 int Run_Program_Info(Data_Set &ds, const char *) {
   ds.Show_Configuration_Report();
@@ -63,12 +66,14 @@ int Run_Save_Sorted(Data_Set &ds, const char *path) {
 }
 
 int Run_Buffer_Folder(Data_Set &ds, const char *path) {
-  if (!path || !*path) return 0; // the chooser was cancelled
+  if (!path || !*path)
+    return 0; // the chooser was cancelled
   return Test_Buffer_Folder(ds, path);
 }
 
 int Run_Save_Ivp(Data_Set &ds, const char *path) {
-  if (!path || !*path) return 0;
+  if (!path || !*path)
+    return 0;
   if (Save_Inversion_Parameters(ds, path)) {
     print_to_buffer(ds.mesg, sizeof ds.mesg, "Cannot create file %s\n", path);
     show_message(ds, ds.mesg, "File Error");
@@ -80,8 +85,10 @@ int Run_Save_Ivp(Data_Set &ds, const char *path) {
 }
 
 int Run_Read_Ivp(Data_Set &ds, const char *path) {
-  if (!path || !*path) return 0;
-  if (readinvset(ds, 0, path)) return 1;
+  if (!path || !*path)
+    return 0;
+  if (readinvset(ds, 0, path))
+    return 1;
   print_to_buffer(ds.mesg, sizeof ds.mesg, "Inversion settings from file\n%s restored.", path);
   show_message(ds, ds.mesg, "Message", MK_INFORMATION);
   return 0;
@@ -163,7 +170,8 @@ const Command_Entry command_table[] = {
 
 const Command_Entry *Find_Command(int id) {
   for (const Command_Entry &c : command_table)
-    if (c.id == id) return &c;
+    if (c.id == id)
+      return &c;
   return nullptr;
 }
 
@@ -171,32 +179,40 @@ const Command_Entry *Find_Command(int id) {
 int Check_Gate(Data_Set &ds, int gate) {
   switch (gate) {
   case G_MDATA:
-    if (ds.mdata > 0) return 0;
+    if (ds.mdata > 0)
+      return 0;
     show_message(ds, "You need to first read in a data file!", "Message", MK_PLAIN);
     return 1;
   case G_DATA_READ:
-    if (ds.mdata >= 1 && ds.data_read == 1) return 0;
+    if (ds.mdata >= 1 && ds.data_read == 1)
+      return 0;
     show_message(ds, "You must first read in a data file", "Message");
     return 1;
   case G_POINT_ELECS:
-    if (ds.num_point_elecs >= 1) return 0;
+    if (ds.num_point_elecs >= 1)
+      return 0;
     show_message(ds, "You must first read in a data file!", "Message", MK_INFORMATION);
     return 1;
   case G_LAYERS:
-    if (ds.Model_grid.nlayers >= 2) return 0;
+    if (ds.Model_grid.nlayers >= 2)
+      return 0;
     show_message(ds, "You need to read in a data file!", "Message");
     return 1;
   case G_INV_READ:
-    if (ds.inv_read == 1) return 0;
+    if (ds.inv_read == 1)
+      return 0;
     show_message(ds, "You need to first read in a file with the inversion results.", "Message");
     return 1;
-  default: return 0;
+  default:
+    return 0;
   }
 }
 
 } // namespace
 
-bool Is_Known_Command(int id) { return Find_Command(id) != nullptr; }
+bool Is_Known_Command(int id) {
+  return Find_Command(id) != nullptr;
+}
 
 int Data_Set::Run_Command(int id, const char *path) {
   const Command_Entry *c = Find_Command(id);
@@ -209,7 +225,8 @@ int Data_Set::Run_Command(int id, const char *path) {
   panel_y = 0;
   current_command = id;
   TRACE("Run_Command %d\n", id);
-  if (Check_Gate(*this, c->gate)) return 1;
+  if (Check_Gate(*this, c->gate))
+    return 1;
   if (!c->run) {
     show_message(*this, not_yet, "Message");
     return 1;

@@ -59,9 +59,12 @@ void Detect_Cpu(Cpu_Info &cpu) {
              (b & bit_AVX512VL) != 0;
   }
   int level = 0;
-  if (avx && ymm_state) level = 1;
-  if (level == 1 && avx2 && fma) level = 2;
-  if (level == 2 && avx512 && zmm_state) level = 3;
+  if (avx && ymm_state)
+    level = 1;
+  if (level == 1 && avx2 && fma)
+    level = 2;
+  if (level == 2 && avx512 && zmm_state)
+    level = 3;
   cpu.instruction_level = level;
 
   unsigned ext = __get_cpuid_max(0x80000000, nullptr);
@@ -74,32 +77,43 @@ void Detect_Cpu(Cpu_Info &cpu) {
     std::memcpy(name, regs, 48);
     name[48] = 0;
     const char *p = name;
-    while (*p == ' ') p++;
+    while (*p == ' ')
+      p++;
     std::strncpy(cpu.brand, p, sizeof(cpu.brand) - 1);
   }
-  if (!cpu.brand[0]) std::strcpy(cpu.brand, cpu.vendor_word);
+  if (!cpu.brand[0])
+    std::strcpy(cpu.brand, cpu.vendor_word);
 }
 
 const char *Instruction_Level_Text(int level) {
   switch (level) {
-  case 1: return "Computer CPU supports AVX instructions.";
-  case 2: return "Computer CPU supports AVX2/FMA instructions.";
-  case 3: return "Computer CPU supports AVX512 instructions.";
-  default: return "Computer CPU supports SSE instructions only.";
+  case 1:
+    return "Computer CPU supports AVX instructions.";
+  case 2:
+    return "Computer CPU supports AVX2/FMA instructions.";
+  case 3:
+    return "Computer CPU supports AVX512 instructions.";
+  default:
+    return "Computer CPU supports SSE instructions only.";
   }
 }
 
 const char *Blas_Core_For(const Cpu_Info &cpu) {
   switch (cpu.instruction_level) {
-  case 3: return "SkylakeX";
-  case 2: return cpu.vendor == 1 ? "Zen" : "Haswell";
-  case 1: return "Sandybridge";
-  default: return "Nehalem";
+  case 3:
+    return "SkylakeX";
+  case 2:
+    return cpu.vendor == 1 ? "Zen" : "Haswell";
+  case 1:
+    return "Sandybridge";
+  default:
+    return "Nehalem";
   }
 }
 
 void Select_Blas_Kernel(char **argv) {
-  if (std::getenv("OPENBLAS_CORETYPE")) return; // the user's choice, or already re-executed
+  if (std::getenv("OPENBLAS_CORETYPE"))
+    return; // the user's choice, or already re-executed
   Cpu_Info cpu;
   Detect_Cpu(cpu);
   setenv("OPENBLAS_CORETYPE", Blas_Core_For(cpu), 1);
@@ -115,7 +129,9 @@ const char *Blas_Kernel_Name() {
 }
 
 const char *Blas_Kernel_Origin() {
-  if (std::getenv(env_marker)) return "set by the program";
-  if (std::getenv("OPENBLAS_CORETYPE")) return "set by the user";
+  if (std::getenv(env_marker))
+    return "set by the program";
+  if (std::getenv("OPENBLAS_CORETYPE"))
+    return "set by the user";
   return "detected by OpenBLAS";
 }

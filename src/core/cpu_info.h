@@ -2,10 +2,10 @@
 #pragma once
 
 struct Cpu_Info {
-  int vendor = 2;             // 0 Intel, 1 AMD, 2 anything else
-  char vendor_word[16] = {};  // "Intel", "AMD" or "Unknown"
-  int instruction_level = 0;  // 0 SSE only, 1 AVX, 2 AVX2/FMA, 3 AVX512
-  char brand[64] = {};        // the processor's own name string
+  int vendor = 2;            // 0 Intel, 1 AMD, 2 anything else
+  char vendor_word[16] = {}; // "Intel", "AMD" or "Unknown"
+  int instruction_level = 0; // 0 SSE only, 1 AVX, 2 AVX2/FMA, 3 AVX512
+  char brand[64] = {};       // the processor's own name string
 };
 
 // Reads cpuid (and the operating system's saved register state, so that an

@@ -1,5 +1,6 @@
 #include "core/data_set.h"
 
+#include <cblas.h>
 #include <cstdio>
 #include <omp.h>
 #include <unistd.h>
@@ -11,14 +12,17 @@
 #include "core/trace.h"
 
 Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front) {
-  if (opt.nthreads > 0) omp_set_num_threads(opt.nthreads);
+  if (opt.nthreads > 0)
+    omp_set_num_threads(opt.nthreads);
   System_config.Start(opt);
   System_config.lim_template.nmax_fix_regions = 1000;
   Set_Temp_File_Names(file_names, System_config.buffer_folder);
   Set_Trace_Paths(System_config.buffer_folder);
 }
 
-Data_Set::~Data_Set() { Free_Arrays(); }
+Data_Set::~Data_Set() {
+  Free_Arrays();
+}
 
 int Data_Set::Create() {
   System_Config &sc = System_config;
@@ -52,14 +56,16 @@ void Data_Set::Exit() {
 int Data_Set::Allocate_Arrays() {
   const int64_t m = Data_lim_sys.nmax_model;
   int ierr = 0;
-  for (float *&t : cell_values) ierr |= Allocate_Values(*this, t, m + 1, "model cell values");
+  for (float *&t : cell_values)
+    ierr |= Allocate_Values(*this, t, m + 1, "model cell values");
   ierr |= Allocate_Values(*this, cell_flags, m, "model cell flags");
   TRACE_MEMORY("Allocate_Arrays nmax_model %lld ierr %d\n", static_cast<long long>(m), ierr);
   return ierr;
 }
 
 void Data_Set::Free_Arrays() {
-  for (float *&t : cell_values) Free_Values(t);
+  for (float *&t : cell_values)
+    Free_Values(t);
   Free_Values(cell_flags);
 }
 
@@ -77,10 +83,9 @@ std::string Data_Set::Configuration_Report() const {
                         "PC configuration :-\n%s\nNumber of CPU parallel threads %d\nFree RAM %.1f "
                         "GB\n%s\nFree buffer disk space in drive %s is %.2f TB\nMonitor screen "
                         "window is %d by %d\n\n",
-                        cpu_line, sc.nthreads, sc.mem_free_gb, level_line,
-                        sc.buffer_folder.c_str(),
-                        static_cast<double>(sc.disk_free_byte) / 1099511627776.0,
-                        sc.screen_width, sc.screen_height);
+                        cpu_line, sc.nthreads, sc.mem_free_gb, level_line, sc.buffer_folder.c_str(),
+                        static_cast<double>(sc.disk_free_byte) / 1099511627776.0, sc.screen_width,
+                        sc.screen_height);
   n += std::snprintf(text + n, sizeof text - n,
                      "\nMaximum data allowed %d\nMaximum model allowed %d\nMaximum electrodes "
                      "allowed %d\nMaximum mesh cells %lld\n",
@@ -100,7 +105,8 @@ void Data_Set::Show_Configuration_Report() {
   size_t start = 0;
   while (start <= report.size()) {
     size_t end = report.find('\n', start);
-    if (end == std::string::npos) end = report.size();
+    if (end == std::string::npos)
+      end = report.size();
     panel_text(*this, report.substr(start, end - start).c_str());
     start = end + 1;
   }

@@ -73,21 +73,22 @@ public:
   int long_tables_status = 0;      // result of Allocate_Arrays
 
   // Panel and status display.
-  int panel_y = 0;                 // panel cursor
+  int panel_y = 0; // panel cursor
   int panel_line_height = 16;
-  char status_text[256] = {};      // text of the status bar
-  double status_fraction = 0.0;    // filled part of the status bar
-  int status_width_chars = 120;    // the status bar's width in characters
+  char status_text[256] = {};   // text of the status bar
+  double status_fraction = 0.0; // filled part of the status bar
+  int status_width_chars = 120; // the status bar's width in characters
 
   // Long-lived tables.
-  float *cell_values[4] = {};      // model cell value tables, nmax_model + 1 each
-  int *cell_flags = nullptr;       // one flag per model cell
+  float *cell_values[4] = {}; // model cell value tables, nmax_model + 1 each
+  int *cell_flags = nullptr;  // one flag per model cell
 
   Front_End fe;
 
   // Construction: the system configuration (limits, folders, ini file, buffer
   // folder candidate), then every group with its defaults.
-  explicit Data_Set(const Start_Options &opt = Start_Options(), const Front_End &front = Front_End());
+  explicit Data_Set(const Start_Options &opt = Start_Options(),
+                    const Front_End &front = Front_End());
   ~Data_Set();
   Data_Set(const Data_Set &) = delete;
   Data_Set &operator=(const Data_Set &) = delete;

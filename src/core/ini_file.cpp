@@ -9,13 +9,16 @@ namespace {
 
 std::string Trim(const std::string &s) {
   size_t a = 0, b = s.size();
-  while (a < b && std::isspace(static_cast<unsigned char>(s[a]))) a++;
-  while (b > a && std::isspace(static_cast<unsigned char>(s[b - 1]))) b--;
+  while (a < b && std::isspace(static_cast<unsigned char>(s[a])))
+    a++;
+  while (b > a && std::isspace(static_cast<unsigned char>(s[b - 1])))
+    b--;
   return s.substr(a, b - a);
 }
 
 std::string With_Slash(std::string s) {
-  if (!s.empty() && s.back() != '/') s += '/';
+  if (!s.empty() && s.back() != '/')
+    s += '/';
   return s;
 }
 
@@ -23,11 +26,16 @@ std::string With_Slash(std::string s) {
 
 int Graphics_Type_From_Text(const char *text) {
   switch (std::tolower(static_cast<unsigned char>(text[0]))) {
-  case 'j': return 1;
-  case 'p': return 2;
-  case 't': return 3;
-  case 'g': return 4;
-  default: return 0;
+  case 'j':
+    return 1;
+  case 'p':
+    return 2;
+  case 't':
+    return 3;
+  case 'g':
+    return 4;
+  default:
+    return 0;
   }
 }
 
@@ -39,24 +47,29 @@ const char *Graphics_Type_Word(int type) {
 int Ini_Settings::Read(const std::string &path, const std::string &program_folder) {
   input = output = program_folder;
   FILE *f = std::fopen(path.c_str(), "r");
-  if (!f) return 1;
+  if (!f)
+    return 1;
   // Section and key lookup is case-insensitive, values keep up to 255 characters.
   std::map<std::string, std::string> values;
   std::string section;
   char line[1024];
   while (std::fgets(line, sizeof line, f)) {
     std::string s = Trim(line);
-    if (s.empty() || s[0] == ';' || s[0] == '#') continue;
+    if (s.empty() || s[0] == ';' || s[0] == '#')
+      continue;
     if (s[0] == '[') {
       size_t e = s.find(']');
       section = s.substr(1, e == std::string::npos ? std::string::npos : e - 1);
-      for (char &c : section) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      for (char &c : section)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       continue;
     }
     size_t eq = s.find('=');
-    if (eq == std::string::npos) continue;
+    if (eq == std::string::npos)
+      continue;
     std::string key = Trim(s.substr(0, eq));
-    for (char &c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char &c : key)
+      c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     std::string value = Trim(s.substr(eq + 1)).substr(0, 255);
     values.emplace(section + "/" + key, value); // first occurrence wins
   }
@@ -64,7 +77,8 @@ int Ini_Settings::Read(const std::string &path, const std::string &program_folde
 
   auto get = [&](const char *key, std::string &out) {
     auto it = values.find(key);
-    if (it != values.end()) out = it->second;
+    if (it != values.end())
+      out = it->second;
   };
   get("programs/paint", paint);
   get("programs/editor", editor);
@@ -84,7 +98,8 @@ int Ini_Settings::Read(const std::string &path, const std::string &program_folde
 
 int Ini_Settings::Write(const std::string &path) const {
   FILE *f = std::fopen(path.c_str(), "w");
-  if (!f) return 1;
+  if (!f)
+    return 1;
   std::fprintf(f, "[programs]\n");
   std::fprintf(f, "editor=%s\n", editor.c_str());
   std::fprintf(f, "[files]\n");

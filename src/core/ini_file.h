@@ -7,12 +7,12 @@
 struct Ini_Settings {
   std::string paint = "pbrush.exe"; // read, never written back
   std::string editor = "notepad.exe";
-  std::string extension = "*.dat";  // the data file chooser's filter
-  std::string input;                // data folder, with a closing '/'
-  std::string output;               // results folder, with a closing '/'
-  std::string buffer;               // buffer folder the user chose ("" none)
-  int graphics_type = 0;            // 0 bmp, 1 jpeg, 2 png, 3 tiff, 4 gif
-  int buffer_set = 0;               // 1 when `buffer` names a folder
+  std::string extension = "*.dat"; // the data file chooser's filter
+  std::string input;               // data folder, with a closing '/'
+  std::string output;              // results folder, with a closing '/'
+  std::string buffer;              // buffer folder the user chose ("" none)
+  int graphics_type = 0;           // 0 bmp, 1 jpeg, 2 png, 3 tiff, 4 gif
+  int buffer_set = 0;              // 1 when `buffer` names a folder
 
   // Reads `path`; a missing file leaves every default standing. Returns 0 when
   // the file was read, 1 when it was not there.

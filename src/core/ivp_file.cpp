@@ -19,12 +19,14 @@ namespace {
 const char *const ivp_header = "Inversion settings";
 
 std::string_view Trim_Right(std::string_view s) {
-  while (!s.empty() && static_cast<unsigned char>(s.back()) <= 32) s.remove_suffix(1);
+  while (!s.empty() && static_cast<unsigned char>(s.back()) <= 32)
+    s.remove_suffix(1);
   return s;
 }
 
 std::string_view Trim_Left(std::string_view s) {
-  while (!s.empty() && static_cast<unsigned char>(s.front()) <= 32) s.remove_prefix(1);
+  while (!s.empty() && static_cast<unsigned char>(s.front()) <= 32)
+    s.remove_prefix(1);
   return s;
 }
 
@@ -35,20 +37,26 @@ std::unordered_map<std::string_view, int64_t> Index_Lines(const char *buf, int64
   int64_t i = 0;
   while (i < size) {
     int64_t e = i;
-    while (e < size && buf[e] != '\n' && buf[e] != '\r') e++;
+    while (e < size && buf[e] != '\n' && buf[e] != '\r')
+      e++;
     std::string_view line = Trim_Left(Trim_Right(std::string_view(buf + i, e - i)));
     int64_t next = e;
-    if (next < size && buf[next] == '\r') next++;
-    if (next < size && buf[next] == '\n') next++;
-    if (!line.empty()) first.emplace(line, next);
+    if (next < size && buf[next] == '\r')
+      next++;
+    if (next < size && buf[next] == '\n')
+      next++;
+    if (!line.empty())
+      first.emplace(line, next);
     i = next > e ? next : e + 1;
   }
   return first;
 }
 
 template <class T> T Clamp(T v, double lo, double hi) {
-  if (v < lo) return static_cast<T>(lo);
-  if (v > hi) return static_cast<T>(hi);
+  if (v < lo)
+    return static_cast<T>(lo);
+  if (v > hi)
+    return static_cast<T>(hi);
   return v;
 }
 
@@ -56,12 +64,20 @@ template <class T> T Clamp(T v, double lo, double hi) {
 
 void Store_Setting_Value(Data_Set &ds, const Setting_Entry &e, double value, long long ivalue) {
   void *m = e.member ? e.member(ds) : nullptr;
-  if (!m) return;
+  if (!m)
+    return;
   switch (e.kind) {
-  case SK_INT: *static_cast<int *>(m) = static_cast<int>(Clamp<long long>(ivalue, e.lo, e.hi)); break;
-  case SK_INT64: *static_cast<int64_t *>(m) = Clamp<long long>(ivalue, e.lo, e.hi); break;
-  case SK_REAL: *static_cast<double *>(m) = Clamp<double>(value, e.lo, e.hi); break;
-  default: break;
+  case SK_INT:
+    *static_cast<int *>(m) = static_cast<int>(Clamp<long long>(ivalue, e.lo, e.hi));
+    break;
+  case SK_INT64:
+    *static_cast<int64_t *>(m) = Clamp<long long>(ivalue, e.lo, e.hi);
+    break;
+  case SK_REAL:
+    *static_cast<double *>(m) = Clamp<double>(value, e.lo, e.hi);
+    break;
+  default:
+    break;
   }
 }
 
@@ -69,24 +85,34 @@ std::string Format_Setting_Value(Data_Set &ds, const Setting_Entry &e) {
   char buf[64];
   void *m = e.member ? e.member(ds) : nullptr;
   switch (e.kind) {
-  case SK_INT: std::snprintf(buf, sizeof buf, e.format, *static_cast<int *>(m)); break;
+  case SK_INT:
+    std::snprintf(buf, sizeof buf, e.format, *static_cast<int *>(m));
+    break;
   case SK_INT64:
     std::snprintf(buf, sizeof buf, e.format, static_cast<long long>(*static_cast<int64_t *>(m)));
     break;
-  case SK_REAL: std::snprintf(buf, sizeof buf, e.format, *static_cast<double *>(m)); break;
-  default: std::snprintf(buf, sizeof buf, "%s", e.format); break;
+  case SK_REAL:
+    std::snprintf(buf, sizeof buf, e.format, *static_cast<double *>(m));
+    break;
+  default:
+    std::snprintf(buf, sizeof buf, "%s", e.format);
+    break;
   }
   return buf;
 }
 
 int Set_Setting_Text(Data_Set &ds, const Setting_Entry &e, const char *text) {
-  if (e.kind == SK_FIXED || !e.member) return 2;
+  if (e.kind == SK_FIXED || !e.member)
+    return 2;
   char *end = nullptr;
   errno = 0;
   const double v = std::strtod(text, &end);
-  while (end && *end && static_cast<unsigned char>(*end) <= 32) end++;
-  if (end == text || (end && *end) || errno == ERANGE || !std::isfinite(v)) return 1;
-  if (e.kind != SK_REAL && v != std::floor(v)) return 1;
+  while (end && *end && static_cast<unsigned char>(*end) <= 32)
+    end++;
+  if (end == text || (end && *end) || errno == ERANGE || !std::isfinite(v))
+    return 1;
+  if (e.kind != SK_REAL && v != std::floor(v))
+    return 1;
   Store_Setting_Value(ds, e, v, static_cast<long long>(std::llround(v)));
   return 0;
 }
@@ -152,19 +178,24 @@ int readinvset(Data_Set &ds, int silent, const char *path) {
   const auto lines = Index_Lines(t.buf, t.size);
   for (int i = 0; i < nsettings_table; i++) {
     const Setting_Entry &e = settings_table[i];
-    if (e.kind == SK_FIXED) continue;
+    if (e.kind == SK_FIXED)
+      continue;
     const auto it = lines.find(Trim_Right(e.caption));
-    if (it == lines.end()) continue; // older files lack newer settings
+    if (it == lines.end())
+      continue; // older files lack newer settings
     t.pos = it->second;
     const double v = e.kind == SK_REAL ? read_real(t) : static_cast<double>(read_int64(t));
-    if (!t.found) continue;
+    if (!t.found)
+      continue;
     Store_Setting_Value(ds, e, v, static_cast<long long>(v));
     if (!silent) {
       const std::string value = Format_Setting_Value(ds, e);
       if (e.panel) {
         void *m = e.member(ds);
-        if (e.kind == SK_REAL) print_to_buffer(ds.mesg, sizeof ds.mesg, e.panel, *static_cast<double *>(m));
-        else print_to_buffer(ds.mesg, sizeof ds.mesg, e.panel, *static_cast<int *>(m));
+        if (e.kind == SK_REAL)
+          print_to_buffer(ds.mesg, sizeof ds.mesg, e.panel, *static_cast<double *>(m));
+        else
+          print_to_buffer(ds.mesg, sizeof ds.mesg, e.panel, *static_cast<int *>(m));
       } else {
         print_to_buffer(ds.mesg, sizeof ds.mesg, "%s  %s", e.caption, value.c_str());
       }

@@ -30,7 +30,8 @@ double Memory_G(int64_t total_bytes) {
 void Compute_Limits(double G, int64_t mem_free_byte, Data_Limits &lim) {
   const Limits_Row *row = &limit_rows[0];
   for (const Limits_Row &r : limit_rows)
-    if (G > r.g_above) row = &r;
+    if (G > r.g_above)
+      row = &r;
 
   lim.nmax_grid_lines = row->grid_lines;
   lim.nmax_grid_xy = row->grid_xy;
@@ -46,13 +47,18 @@ void Compute_Limits(double G, int64_t mem_free_byte, Data_Limits &lim) {
   // round() is half away from zero, as std::llround is.
   const int64_t rg = std::llround(G);
   int64_t cells = ((rg << 10) << 20) / 800;
-  if (cells < 1000000) cells = 1000000;
-  if (cells > 4LL * row->nodes_base) cells = 4LL * row->nodes_base;
-  if (cells > 260000000) cells = 260000000;
+  if (cells < 1000000)
+    cells = 1000000;
+  if (cells > 4LL * row->nodes_base)
+    cells = 4LL * row->nodes_base;
+  if (cells > 260000000)
+    cells = 260000000;
   lim.max_cells_mesh = cells;
 
-  if (lim.nmax_model > 6000000) lim.nmax_model = 6000000;
-  if (lim.nmax_data > 1900000) lim.nmax_data = 1900000;
+  if (lim.nmax_model > 6000000)
+    lim.nmax_model = 6000000;
+  if (lim.nmax_data > 1900000)
+    lim.nmax_data = 1900000;
   lim.nmax_elecs = (lim.nmax_elecs < 1600000 ? lim.nmax_elecs : 1600000) + lim.nmax_grid_xy;
 
   lim.nmax_xy_nodes = 4 * lim.nmax_grid_lines + 40;
@@ -60,8 +66,10 @@ void Compute_Limits(double G, int64_t mem_free_byte, Data_Limits &lim) {
   lim.Mem_free_byte = mem_free_byte;
 
   int64_t res = std::llround(std::sqrt(0.8 * static_cast<double>(mem_free_byte) / 8.0));
-  if (res < 50000) res = 50000;
-  if (res > 200000) res = 200000;
+  if (res < 50000)
+    res = 50000;
+  if (res > 200000)
+    res = 200000;
   lim.nmodel_max_model_res = static_cast<int>(res);
 }
 

@@ -20,12 +20,14 @@ int64_t Page() {
 } // namespace
 
 void *Allocate_Block(int64_t bytes) {
-  if (bytes < 0) return nullptr;
+  if (bytes < 0)
+    return nullptr;
   const int64_t page = Page();
   const int64_t len = ((bytes + page - 1) / page + 1) * page;
   void *base = mmap(nullptr, static_cast<size_t>(len), PROT_READ | PROT_WRITE,
                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (base == MAP_FAILED) return nullptr;
+  if (base == MAP_FAILED)
+    return nullptr;
   int64_t *head = static_cast<int64_t *>(base);
   head[0] = len;
   head[1] = bytes;
@@ -33,14 +35,16 @@ void *Allocate_Block(int64_t bytes) {
 }
 
 void Free_Block(void *p) {
-  if (!p) return;
+  if (!p)
+    return;
   char *base = static_cast<char *>(p) - Page();
   const int64_t len = reinterpret_cast<int64_t *>(base)[0];
   munmap(base, static_cast<size_t>(len));
 }
 
 int64_t Block_Size(const void *p) {
-  if (!p) return 0;
+  if (!p)
+    return 0;
   const char *base = static_cast<const char *>(p) - Page();
   return reinterpret_cast<const int64_t *>(base)[1];
 }
@@ -58,14 +62,16 @@ namespace {
 
 int64_t Meminfo_Kb(const char *key) {
   FILE *f = std::fopen("/proc/meminfo", "r");
-  if (!f) return -1;
+  if (!f)
+    return -1;
   char line[256];
   int64_t kb = -1;
   const size_t klen = std::strlen(key);
   while (std::fgets(line, sizeof line, f)) {
     if (std::strncmp(line, key, klen) == 0 && line[klen] == ':') {
       long long v = 0;
-      if (std::sscanf(line + klen + 1, "%lld", &v) == 1) kb = v;
+      if (std::sscanf(line + klen + 1, "%lld", &v) == 1)
+        kb = v;
       break;
     }
   }
@@ -77,13 +83,15 @@ int64_t Meminfo_Kb(const char *key) {
 
 int64_t Total_Memory_Bytes() {
   const long pages = sysconf(_SC_PHYS_PAGES);
-  if (pages > 0) return static_cast<int64_t>(pages) * Page();
+  if (pages > 0)
+    return static_cast<int64_t>(pages) * Page();
   const int64_t kb = Meminfo_Kb("MemTotal");
   return kb > 0 ? kb * 1024 : 0;
 }
 
 int64_t Available_Memory_Bytes() {
   const int64_t kb = Meminfo_Kb("MemAvailable");
-  if (kb > 0) return kb * 1024;
+  if (kb > 0)
+    return kb * 1024;
   return static_cast<int64_t>(sysconf(_SC_AVPHYS_PAGES)) * Page();
 }

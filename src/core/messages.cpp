@@ -1,7 +1,7 @@
 #include "core/messages.h"
 
-#include <cstdarg>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -10,11 +10,13 @@
 
 void show_message(Data_Set &ds, const char *text, const char *title, int kind) {
   TRACE("Message %s: %s\n", title, text);
-  if (ds.fe.message) ds.fe.message(ds.fe.user, title, text, kind);
+  if (ds.fe.message)
+    ds.fe.message(ds.fe.user, title, text, kind);
 }
 
 void show_check_message(Data_Set &ds, const char *text, const char *title, int kind) {
-  if (ds.quiet == 0) show_message(ds, text, title, kind);
+  if (ds.quiet == 0)
+    show_message(ds, text, title, kind);
 }
 
 int ask_question(Data_Set &ds, const char *text, const char *title) {
@@ -24,12 +26,14 @@ int ask_question(Data_Set &ds, const char *text, const char *title) {
 }
 
 void panel_text(Data_Set &ds, const char *text) {
-  if (ds.fe.panel_line) ds.fe.panel_line(ds.fe.user, text, 0);
+  if (ds.fe.panel_line)
+    ds.fe.panel_line(ds.fe.user, text, 0);
   ds.panel_y += ds.panel_line_height;
 }
 
 void panel_text_params(Data_Set &ds, const char *text) {
-  if (ds.fe.panel_line) ds.fe.panel_line(ds.fe.user, text, 1);
+  if (ds.fe.panel_line)
+    ds.fe.panel_line(ds.fe.user, text, 1);
   ds.panel_y += ds.panel_line_height + 1;
 }
 
@@ -39,14 +43,17 @@ int progress(Data_Set &ds, const char *text, double fraction) {
                            : sizeof ds.status_text - 1;
   std::strncpy(ds.status_text, text, limit);
   ds.status_text[limit] = 0;
-  if (!(fraction >= 0.0)) fraction = 0.0; // also catches NaN
-  if (fraction > 1.0) fraction = 1.0;
+  if (!(fraction >= 0.0))
+    fraction = 0.0; // also catches NaN
+  if (fraction > 1.0)
+    fraction = 1.0;
   ds.status_fraction = fraction;
   return ds.fe.progress ? ds.fe.progress(ds.fe.user, ds.status_text, fraction) : 0;
 }
 
 void beep(Data_Set &ds) {
-  if (ds.fe.beep) ds.fe.beep(ds.fe.user);
+  if (ds.fe.beep)
+    ds.fe.beep(ds.fe.user);
 }
 
 int print_to_buffer(char *buffer, size_t limit, const char *format, ...) {
@@ -71,7 +78,8 @@ int Create_Trace_File(Data_Set &ds) {
   std::fprintf(f, "3D trace file\n\n");
   std::fclose(f);
   f = std::fopen(trace_rec.memory_name, "w");
-  if (f) std::fclose(f);
+  if (f)
+    std::fclose(f);
   trace_rec.trace_on = 1;
   f = std::fopen(trace_rec.trace_name, "a");
   if (!f) {

@@ -11,8 +11,7 @@ class Data_Set;
 // A modal message with its title (kind: Message_Kind).
 void show_message(Data_Set &ds, const char *text, const char *title, int kind = MK_WARNING);
 // The same, for a check on data: silent while `quiet` is set.
-void show_check_message(Data_Set &ds, const char *text, const char *title,
-                        int kind = MK_WARNING);
+void show_check_message(Data_Set &ds, const char *text, const char *title, int kind = MK_WARNING);
 // A yes-or-no question: 1 Yes, 0 No.
 int ask_question(Data_Set &ds, const char *text, const char *title);
 // One line of the main panel, and the indented form of the "Inversion

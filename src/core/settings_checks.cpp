@@ -7,15 +7,19 @@ namespace {
 
 // The sequential IP stage needs enough iterations to settle the IP model.
 void Check_Use_Sequential_IP_Inversion(Data_Set &ds) {
-  if (ds.Data_ip.ipinvm == 1 && ds.LS_method.nit_ip < 5) ds.LS_method.nit_ip = 5;
+  if (ds.Data_ip.ipinvm == 1 && ds.LS_method.nit_ip < 5)
+    ds.LS_method.nit_ip = 5;
 }
 
 // A user-defined reference IP value must lie inside the IP model's limits.
 void Check_User_Defined_Reference_IP_Value(Data_Set &ds) {
   Data_IP &ip = ds.Data_ip;
-  if (ip.set_reference_ip_to_zero != 2) return;
-  if (ip.ip_ref_user < ip.ip_lower_limit) ip.ip_ref_user = ip.ip_lower_limit;
-  if (ip.ip_ref_user > ip.ip_upper_limit) ip.ip_ref_user = ip.ip_upper_limit;
+  if (ip.set_reference_ip_to_zero != 2)
+    return;
+  if (ip.ip_ref_user < ip.ip_lower_limit)
+    ip.ip_ref_user = ip.ip_lower_limit;
+  if (ip.ip_ref_user > ip.ip_upper_limit)
+    ip.ip_ref_user = ip.ip_upper_limit;
 }
 
 // The vectorised wavelet routines need AVX2; without it the plain ones run.
@@ -28,7 +32,8 @@ void Check_Use_Asm_Wavelet(Data_Set &ds) {
 // above the start would stop the schedule (and an exit at the minimum) at once.
 void Check_exit_at_min_damping_factor(Data_Set &ds) {
   LS_Method &ls = ds.LS_method;
-  if (ls.fmarqm > ls.fmarq1) ls.fmarqm = ls.fmarq1;
+  if (ls.fmarqm > ls.fmarq1)
+    ls.fmarqm = ls.fmarq1;
 }
 
 } // namespace

@@ -16,15 +16,15 @@ enum Setting_Kind : int {
 };
 
 struct Setting_Entry {
-  const char *key;     // short name: the member's own name where it has one
-  const char *caption; // the caption line of the .ivp file, without its line break
-  const char *format;  // printf format of the value line (the literal for SK_FIXED)
-  int kind;            // Setting_Kind
-  double lo, hi;       // bounds the reader clamps to
+  const char *key;             // short name: the member's own name where it has one
+  const char *caption;         // the caption line of the .ivp file, without its line break
+  const char *format;          // printf format of the value line (the literal for SK_FIXED)
+  int kind;                    // Setting_Kind
+  double lo, hi;               // bounds the reader clamps to
   void *(*member)(Data_Set &); // address of the member; nullptr for SK_FIXED
-  const char *dialog;  // title of the settings dialog the value belongs to
-  const char *reason;  // one line: why the default is what it is
-  const char *panel;   // panel line format when read back; nullptr: caption, two blanks, value
+  const char *dialog;          // title of the settings dialog the value belongs to
+  const char *reason;          // one line: why the default is what it is
+  const char *panel; // panel line format when read back; nullptr: caption, two blanks, value
 };
 
 extern const Setting_Entry settings_table[];

@@ -20,22 +20,22 @@ struct Start_Options {
 
 class System_Config {
 public:
-  int64_t mem_total_byte = 0;  // physical memory
-  double mem_total_gb = 0.0;   // the same in GiB
-  double mem_free_gb = 0.0;    // G = (total - 1 GiB) / 2^30, "Free RAM"
-  int64_t mem_free_byte = 0;   // total - 1 GiB
-  int64_t disk_free_byte = 0;  // free bytes at the buffer folder
-  std::string buffer_folder;   // ends in '/'
-  std::string program_folder;  // the configuration folder, ends in '/'
-  std::string current_folder;  // ends in '/'
-  std::string buffer_default;  // the folder used when none is named
-  int buffer_named = 0;        // 1 when --buffer or ohmvol3d.ini named the folder
-  Ini_Settings Ini;            // ohmvol3d.ini
-  int nthreads = 1;            // parallel threads
-  Cpu_Info cpu;                // vendor word and instruction level
-  int screen_width = 1600;     // drawing surface when no screen is known
+  int64_t mem_total_byte = 0; // physical memory
+  double mem_total_gb = 0.0;  // the same in GiB
+  double mem_free_gb = 0.0;   // G = (total - 1 GiB) / 2^30, "Free RAM"
+  int64_t mem_free_byte = 0;  // total - 1 GiB
+  int64_t disk_free_byte = 0; // free bytes at the buffer folder
+  std::string buffer_folder;  // ends in '/'
+  std::string program_folder; // the configuration folder, ends in '/'
+  std::string current_folder; // ends in '/'
+  std::string buffer_default; // the folder used when none is named
+  int buffer_named = 0;       // 1 when --buffer or ohmvol3d.ini named the folder
+  Ini_Settings Ini;           // ohmvol3d.ini
+  int nthreads = 1;           // parallel threads
+  Cpu_Info cpu;               // vendor word and instruction level
+  int screen_width = 1600;    // drawing surface when no screen is known
   int screen_height = 1000;
-  Data_Limits lim_template;    // template of the capacity limits
+  Data_Limits lim_template; // template of the capacity limits
 
   // Builds the configuration in start-up order: limits from memory, the
   // program folder, ohmvol3d.ini, the buffer folder candidate, the template.

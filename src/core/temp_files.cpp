@@ -15,40 +15,84 @@
 
 namespace {
 
-const char *const temp_base_names[TF_COUNT] = {
-    "jacobfx.tmp", "jacobfx_i.tmp", "jacobian.bin", "jacobian_i.bin", "permutefile.bin",
-    "nodes_1.txt", "nodes_2.txt", "nodesfile.bin", "temp_txt.txt", "time_inv.txt",
-    "coord_topo.bin", "coord_xyz_arrays.bin", "v_file.tmp", "v_file_i.tmp",
-    "hess_file.bin", "hess_file_damp.bin", "hess_file_ip.bin", "hess_file_damp_ip.bin",
-    "hessarra.bin",
-    "gradarra4.bin", "gradarra3.bin", "gradarra2.bin", "gradmatrix.bin", "gradarra_cmplx.bin",
-    "potentials_nodes.bin", "potentials_nodes_i.bin", "gradtime.bin", "gradtime_ip.bin",
-    "gradsplice.bin", "gradsplice_ip.bin", "backupfile.bin",
-    "grrowt.bin", "grrowt_res.bin", "grrowt_b.bin", "grrowt_temp.bin", "grrowt_i.bin",
-    "grrowtip.bin", "grrowtip_b.bin", "grrowtip_temp.bin", "grrowt_elec_shift.bin",
-    "gradcomp.bin", "gradcomp_i.bin", "gradcomp_ip.bin", "gradcomp_ip_i.bin", "gradcomp_nw.bin",
-    "gradtemp.bin", "gradtemp_i.bin",
-    "space_filter_file.bin", "space_filter_ip_file.bin", "space_filter_res_file.bin",
-    "space_modified_filter_file.bin", "space_modified_filter_res_file.bin",
-    "space_modified_filter_ip_file.bin",
-    "tmfilfl.bin", "tpfilfl.bin",
-    "res_ip_model_inv_file.bin", "res_ip_data_inv_file.bin",
-    "res_ip_model_inv_file_voi1.bin", "res_ip_data_inv_file_voi1.bin",
-    "res_ip_model_inv_file_voi2.bin", "res_ip_data_inv_file_voi2.bin",
-    "dump_image.png", "tempfile.bin"};
+const char *const temp_base_names[TF_COUNT] = {"jacobfx.tmp",
+                                               "jacobfx_i.tmp",
+                                               "jacobian.bin",
+                                               "jacobian_i.bin",
+                                               "permutefile.bin",
+                                               "nodes_1.txt",
+                                               "nodes_2.txt",
+                                               "nodesfile.bin",
+                                               "temp_txt.txt",
+                                               "time_inv.txt",
+                                               "coord_topo.bin",
+                                               "coord_xyz_arrays.bin",
+                                               "v_file.tmp",
+                                               "v_file_i.tmp",
+                                               "hess_file.bin",
+                                               "hess_file_damp.bin",
+                                               "hess_file_ip.bin",
+                                               "hess_file_damp_ip.bin",
+                                               "hessarra.bin",
+                                               "gradarra4.bin",
+                                               "gradarra3.bin",
+                                               "gradarra2.bin",
+                                               "gradmatrix.bin",
+                                               "gradarra_cmplx.bin",
+                                               "potentials_nodes.bin",
+                                               "potentials_nodes_i.bin",
+                                               "gradtime.bin",
+                                               "gradtime_ip.bin",
+                                               "gradsplice.bin",
+                                               "gradsplice_ip.bin",
+                                               "backupfile.bin",
+                                               "grrowt.bin",
+                                               "grrowt_res.bin",
+                                               "grrowt_b.bin",
+                                               "grrowt_temp.bin",
+                                               "grrowt_i.bin",
+                                               "grrowtip.bin",
+                                               "grrowtip_b.bin",
+                                               "grrowtip_temp.bin",
+                                               "grrowt_elec_shift.bin",
+                                               "gradcomp.bin",
+                                               "gradcomp_i.bin",
+                                               "gradcomp_ip.bin",
+                                               "gradcomp_ip_i.bin",
+                                               "gradcomp_nw.bin",
+                                               "gradtemp.bin",
+                                               "gradtemp_i.bin",
+                                               "space_filter_file.bin",
+                                               "space_filter_ip_file.bin",
+                                               "space_filter_res_file.bin",
+                                               "space_modified_filter_file.bin",
+                                               "space_modified_filter_res_file.bin",
+                                               "space_modified_filter_ip_file.bin",
+                                               "tmfilfl.bin",
+                                               "tpfilfl.bin",
+                                               "res_ip_model_inv_file.bin",
+                                               "res_ip_data_inv_file.bin",
+                                               "res_ip_model_inv_file_voi1.bin",
+                                               "res_ip_data_inv_file_voi1.bin",
+                                               "res_ip_model_inv_file_voi2.bin",
+                                               "res_ip_data_inv_file_voi2.bin",
+                                               "dump_image.png",
+                                               "tempfile.bin"};
 
 const double gb_factor = 9.313225746154785e-10; // 2^-30
 const double tb_per_gb = 0.0009765625;          // 2^-10
 
 std::string With_Slash(std::string s) {
-  if (s.empty() || s.back() != '/') s += '/';
+  if (s.empty() || s.back() != '/')
+    s += '/';
   return s;
 }
 
 // Creates `name` in `folder` for writing, then closes and deletes it.
 int Try_Create_File(const std::string &path) {
   FILE *f = std::fopen(path.c_str(), "wb");
-  if (!f) return 1;
+  if (!f)
+    return 1;
   std::fclose(f);
   std::remove(path.c_str());
   return 0;
@@ -62,7 +106,8 @@ const char *Temp_File_Base_Name(int which) {
 
 void Set_Temp_File_Names(File_Names &names, const std::string &folder) {
   names.folder = With_Slash(folder);
-  for (int i = 0; i < TF_COUNT; i++) names.temp[i] = names.folder + temp_base_names[i];
+  for (int i = 0; i < TF_COUNT; i++)
+    names.temp[i] = names.folder + temp_base_names[i];
 }
 
 std::string Factor_File_Name(const File_Names &names, const char *stem, int lower, int i, int j) {
@@ -79,9 +124,11 @@ int64_t Free_Disk_Bytes(const std::string &path) {
     struct statvfs st;
     if (statvfs(p.empty() ? "." : p.c_str(), &st) == 0)
       return static_cast<int64_t>(st.f_bavail) * static_cast<int64_t>(st.f_frsize);
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    while (p.size() > 1 && p.back() == '/')
+      p.pop_back();
     const size_t slash = p.rfind('/');
-    if (p.empty() || p == "/") return -1;
+    if (p.empty() || p == "/")
+      return -1;
     p.resize(slash == std::string::npos ? 0 : (slash == 0 ? 1 : slash));
   }
 }
@@ -90,9 +137,11 @@ int Make_Folders(const std::string &path) {
   std::string p;
   for (size_t i = 0; i <= path.size(); i++) {
     if (i == path.size() || path[i] == '/') {
-      if (!p.empty() && mkdir(p.c_str(), 0755) != 0 && errno != EEXIST) return 1;
+      if (!p.empty() && mkdir(p.c_str(), 0755) != 0 && errno != EEXIST)
+        return 1;
     }
-    if (i < path.size()) p += path[i];
+    if (i < path.size())
+      p += path[i];
   }
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? 0 : 1;
@@ -105,8 +154,10 @@ int Start_Buffer_Folder(Data_Set &ds, const std::string &folder) {
   // The recommended space for large surveys, and more for a folder the user
   // named. Only warnings: the check before a run is what refuses.
   const char *need = nullptr;
-  if (sc.disk_free_byte < 91625968981LL) need = "128GB";
-  else if (sc.buffer_named && sc.disk_free_byte < 274877906944LL) need = "256GB";
+  if (sc.disk_free_byte < 91625968981LL)
+    need = "128GB";
+  else if (sc.buffer_named && sc.disk_free_byte < 274877906944LL)
+    need = "256GB";
   if (need) {
     print_to_buffer(ds.mesg, sizeof ds.mesg,
                     "Free disk space at %s is %8.2f\nYou need at least %s free disk space",
@@ -127,7 +178,8 @@ int Test_Buffer_Folder(Data_Set &ds, const std::string &new_folder) {
   const std::string folder = With_Slash(new_folder);
   const std::string test = folder + "testxxx.fil";
   FILE *f = std::fopen(test.c_str(), "wb");
-  if (!f && Make_Folders(folder) == 0) f = std::fopen(test.c_str(), "wb");
+  if (!f && Make_Folders(folder) == 0)
+    f = std::fopen(test.c_str(), "wb");
   if (!f) {
     print_to_buffer(ds.mesg, sizeof ds.mesg, "Failed to create file\n%s.", test.c_str());
     show_message(ds, ds.mesg, "Message");
@@ -136,8 +188,9 @@ int Test_Buffer_Folder(Data_Set &ds, const std::string &new_folder) {
   std::fclose(f);
   std::remove(test.c_str());
   const int64_t free_bytes = Free_Disk_Bytes(folder);
-  print_to_buffer(ds.mesg, sizeof ds.mesg, "New buffer drive selected is %s.\nFree space is %.2f GB.",
-                  folder.c_str(), free_bytes * gb_factor);
+  print_to_buffer(ds.mesg, sizeof ds.mesg,
+                  "New buffer drive selected is %s.\nFree space is %.2f GB.", folder.c_str(),
+                  free_bytes * gb_factor);
   show_message(ds, ds.mesg, "Message", MK_INFORMATION);
   sc.buffer_folder = folder;
   sc.disk_free_byte = free_bytes;
@@ -151,7 +204,8 @@ int Test_Buffer_Folder(Data_Set &ds, const std::string &new_folder) {
 }
 
 int64_t Chunk_Values(int64_t n) {
-  if (n <= 1048576) return n;
+  if (n <= 1048576)
+    return n;
   return n / 2 < 1048576 ? n / 2 : 1048576;
 }
 
@@ -167,7 +221,8 @@ int64_t Transfer_Chunks(int fd, float *values, int64_t n, int64_t byte_offset, b
     const size_t want = static_cast<size_t>(std::min(total - done, chunk_bytes));
     const ssize_t k = write ? pwrite(fd, p + done, want, byte_offset + done)
                             : pread(fd, p + done, want, byte_offset + done);
-    if (k <= 0) break;
+    if (k <= 0)
+      break;
     done += k;
   }
   return done;
@@ -175,47 +230,56 @@ int64_t Transfer_Chunks(int fd, float *values, int64_t n, int64_t byte_offset, b
 
 } // namespace
 
-int Write_Values_File(Data_Set &ds, const std::string &path, const float *values, int64_t n,
-                      int64_t byte_offset, bool keep_contents) {
-  const int flags = O_WRONLY | O_CREAT | (keep_contents ? 0 : O_TRUNC);
-  const int fd = open(path.c_str(), flags, 0644);
+namespace {
+
+// The texts of one direction of the value files.
+struct Values_File_Texts {
+  const char *open_failed; // with the path
+  const char *short_move;  // with the path, bytes moved and bytes wanted
+  const char *title;
+};
+
+// Opens `path`, moves n values in chunks and reports a failure with `texts`:
+// 2 when the file cannot be opened, 1 when fewer bytes moved than asked.
+int Move_Values_File(Data_Set &ds, const std::string &path, float *values, int64_t n,
+                     int64_t byte_offset, int open_flags, bool write,
+                     const Values_File_Texts &texts) {
+  const int fd = open(path.c_str(), open_flags, 0644);
   if (fd < 0) {
-    print_to_buffer(ds.mesg, sizeof ds.mesg, "Error in creating Jacobian matrix file %s.",
-                    path.c_str());
-    show_message(ds, ds.mesg, "Jacobian Matrix Save");
+    print_to_buffer(ds.mesg, sizeof ds.mesg, texts.open_failed, path.c_str());
+    show_message(ds, ds.mesg, texts.title);
     return 2;
   }
   const int64_t total = 4 * n;
-  const int64_t done = Transfer_Chunks(fd, const_cast<float *>(values), n, byte_offset, true);
+  const int64_t done = Transfer_Chunks(fd, values, n, byte_offset, write);
   close(fd);
   if (done != total) {
-    print_to_buffer(ds.mesg, sizeof ds.mesg, "Jacobian matrix save error %s.\n%lld/%lld",
-                    path.c_str(), static_cast<long long>(done), static_cast<long long>(total));
-    show_message(ds, ds.mesg, "Jacobian Matrix Save");
+    print_to_buffer(ds.mesg, sizeof ds.mesg, texts.short_move, path.c_str(),
+                    static_cast<long long>(done), static_cast<long long>(total));
+    show_message(ds, ds.mesg, texts.title);
     return 1;
   }
   return 0;
 }
 
+} // namespace
+
+int Write_Values_File(Data_Set &ds, const std::string &path, const float *values, int64_t n,
+                      int64_t byte_offset, bool keep_contents) {
+  static const Values_File_Texts texts = {"Error in creating Jacobian matrix file %s.",
+                                          "Jacobian matrix save error %s.\n%lld/%lld",
+                                          "Jacobian Matrix Save"};
+  const int flags = O_WRONLY | O_CREAT | (keep_contents ? 0 : O_TRUNC);
+  return Move_Values_File(ds, path, const_cast<float *>(values), n, byte_offset, flags, true,
+                          texts);
+}
+
 int Read_Values_File(Data_Set &ds, const std::string &path, float *values, int64_t n,
                      int64_t byte_offset) {
-  const int fd = open(path.c_str(), O_RDONLY);
-  if (fd < 0) {
-    print_to_buffer(ds.mesg, sizeof ds.mesg, "Error in opening Jacobian matrix file %s.",
-                    path.c_str());
-    show_message(ds, ds.mesg, "Jacobian Matrix Read");
-    return 2;
-  }
-  const int64_t total = 4 * n;
-  const int64_t done = Transfer_Chunks(fd, values, n, byte_offset, false);
-  close(fd);
-  if (done != total) {
-    print_to_buffer(ds.mesg, sizeof ds.mesg, "Jacobian matrix read error %s.\n%lld/%lld",
-                    path.c_str(), static_cast<long long>(done), static_cast<long long>(total));
-    show_message(ds, ds.mesg, "Jacobian Matrix Read");
-    return 1;
-  }
-  return 0;
+  static const Values_File_Texts texts = {"Error in opening Jacobian matrix file %s.",
+                                          "Jacobian matrix read error %s.\n%lld/%lld",
+                                          "Jacobian Matrix Read"};
+  return Move_Values_File(ds, path, values, n, byte_offset, O_RDONLY, false, texts);
 }
 
 double Disk_Space_Temp_Files_GB(const Disk_Inputs &in) {
@@ -224,17 +288,20 @@ double Disk_Space_Temp_Files_GB(const Disk_Inputs &in) {
   double disk_mesh, disk_total;
   if (in.nseg < 2) {
     disk_mesh = static_cast<double>(in.mesh_nodes) * 4.0 * in.nelec_use * gb_factor;
-    if (in.half_potentials) disk_mesh *= 0.5;
+    if (in.half_potentials)
+      disk_mesh *= 0.5;
     disk_total = disk_mesh + disk_jac;
   } else {
     disk_mesh = ((static_cast<double>(in.mesh_nodes) * 1.1) / in.nseg) * 4.0 *
                 (static_cast<double>(in.nelec_use) / in.nseg) * gb_factor;
-    if (in.half_potentials) disk_mesh *= 0.5;
+    if (in.half_potentials)
+      disk_mesh *= 0.5;
     disk_mesh *= 1.1;
     disk_jac *= 1.1;
     disk_total = disk_mesh > disk_jac ? disk_mesh : disk_jac;
   }
-  if (in.ip) disk_total *= 2.0;
+  if (in.ip)
+    disk_total *= 2.0;
   return disk_total * 1.1;
 }
 
@@ -252,17 +319,25 @@ std::string Disk_Space_Text(double gb) {
   return buf;
 }
 
+double Calculate_Disk_Space_Temp_Files(Data_Set &ds, const Disk_Inputs &in) {
+  const double gb = Disk_Space_Temp_Files_GB(in);
+  panel_text_params(ds, Disk_Space_Text(gb).c_str());
+  TRACE("Calculate_Disk_Space_Temp_Files %.4f GB\n", gb);
+  return gb;
+}
+
 double Disk_Space_Inversion_GB(const Disk_Inputs &in) {
   const double nuse = in.ndipoles > 0 ? in.ndipoles : in.nelec_use;
   const double disk_jac = 4.0 * static_cast<double>(in.nmodel_blocks) * in.ntime *
                           static_cast<double>(in.mdata) * gb_factor;
   double disk_mesh = 4.0 * static_cast<double>(in.mesh_nodes) * nuse * gb_factor;
-  if (in.nseg > 1) disk_mesh *= 1.25 / in.nseg;
+  if (in.nseg > 1)
+    disk_mesh *= 1.25 / in.nseg;
   const double disk_filter = 2.0 * nuse * nuse * gb_factor;
   return (disk_jac > disk_filter ? disk_jac : disk_filter) + disk_mesh;
 }
 
-int Check_Disk_Space_Inversion(Data_Set &ds, const Disk_Inputs &in) {
+int Calculate_Disk_Space_Inversion_Files(Data_Set &ds, const Disk_Inputs &in) {
   const double needed_tb = Disk_Space_Inversion_GB(in) * tb_per_gb;
   const double free_bytes = static_cast<double>(Free_Disk_Bytes(ds.System_config.buffer_folder));
   const double avail_tb = free_bytes * gb_factor * tb_per_gb;
@@ -282,12 +357,14 @@ int Check_Disk_Space_Inversion(Data_Set &ds, const Disk_Inputs &in) {
 int64_t Jacobian_Probe_Values(int ip_factor, int64_t mdata_series, int64_t nmodel_blocks,
                               int nseg) {
   int64_t values = static_cast<int64_t>(ip_factor) * mdata_series * nmodel_blocks;
-  if (nseg > 2) values /= (nseg - 1);
+  if (nseg > 2)
+    values /= (nseg - 1);
   return values;
 }
 
 int Check_Memory_Jacobian(Data_Set &ds, int64_t values) {
-  if (ds.jacobian_on_disk) return 0;
+  if (ds.jacobian_on_disk)
+    return 0;
   const int64_t bytes = 4 * values;
   // Linux commits pages lazily, so a mapping alone proves little: the block
   // must also fit in the memory that is free now.
@@ -307,11 +384,14 @@ int Check_Memory_Jacobian(Data_Set &ds, int64_t values) {
 }
 
 void Remove_Exit_Temp_Files(const File_Names &names) {
-  if (names.folder.empty()) return;
+  if (names.folder.empty())
+    return;
   FILE *f = std::fopen(names.temp[TF_GRROWT_RES].c_str(), "wb");
-  if (f) std::fclose(f);
-  const int gone[] = {TF_GRROWT_RES,        TF_RES_IP_DATA,       TF_RES_IP_MODEL,
-                      TF_RES_IP_MODEL_VOI1, TF_RES_IP_DATA_VOI1,  TF_RES_IP_MODEL_VOI2,
+  if (f)
+    std::fclose(f);
+  const int gone[] = {TF_GRROWT_RES,        TF_RES_IP_DATA,      TF_RES_IP_MODEL,
+                      TF_RES_IP_MODEL_VOI1, TF_RES_IP_DATA_VOI1, TF_RES_IP_MODEL_VOI2,
                       TF_RES_IP_DATA_VOI2};
-  for (int which : gone) std::remove(names.temp[which].c_str());
+  for (int which : gone)
+    std::remove(names.temp[which].c_str());
 }

@@ -9,23 +9,69 @@ class Data_Set;
 
 // Every temporary file, by the subject it belongs to.
 enum Temp_File : int {
-  TF_JACOBFX, TF_JACOBFX_I, TF_JACOBIAN, TF_JACOBIAN_I, TF_PERMUTE,
-  TF_NODES_1, TF_NODES_2, TF_NODESFILE, TF_TEMP_TXT, TF_TIME_INV,
-  TF_COORD_TOPO, TF_COORD_XYZ, TF_V_FILE, TF_V_FILE_I,
-  TF_HESS, TF_HESS_DAMP, TF_HESS_IP, TF_HESS_DAMP_IP, TF_HESSARRA,
-  TF_GRADARRA4, TF_GRADARRA3, TF_GRADARRA2, TF_GRADMATRIX, TF_GRADARRA_CMPLX,
-  TF_POTENTIALS, TF_POTENTIALS_I, TF_GRADTIME, TF_GRADTIME_IP,
-  TF_GRADSPLICE, TF_GRADSPLICE_IP, TF_BACKUP,
-  TF_GRROWT, TF_GRROWT_RES, TF_GRROWT_B, TF_GRROWT_TEMP, TF_GRROWT_I, TF_GRROWTIP,
-  TF_GRROWTIP_B, TF_GRROWTIP_TEMP, TF_GRROWT_ELEC_SHIFT,
-  TF_GRADCOMP, TF_GRADCOMP_I, TF_GRADCOMP_IP, TF_GRADCOMP_IP_I, TF_GRADCOMP_NW,
-  TF_GRADTEMP, TF_GRADTEMP_I,
-  TF_SPACE_FILTER, TF_SPACE_FILTER_IP, TF_SPACE_FILTER_RES, TF_SPACE_MOD_FILTER,
-  TF_SPACE_MOD_FILTER_RES, TF_SPACE_MOD_FILTER_IP,
-  TF_TMFILFL, TF_TPFILFL,
-  TF_RES_IP_MODEL, TF_RES_IP_DATA,
-  TF_RES_IP_MODEL_VOI1, TF_RES_IP_DATA_VOI1, TF_RES_IP_MODEL_VOI2, TF_RES_IP_DATA_VOI2,
-  TF_DUMP_IMAGE, TF_TEMPFILE,
+  TF_JACOBFX,
+  TF_JACOBFX_I,
+  TF_JACOBIAN,
+  TF_JACOBIAN_I,
+  TF_PERMUTE,
+  TF_NODES_1,
+  TF_NODES_2,
+  TF_NODESFILE,
+  TF_TEMP_TXT,
+  TF_TIME_INV,
+  TF_COORD_TOPO,
+  TF_COORD_XYZ,
+  TF_V_FILE,
+  TF_V_FILE_I,
+  TF_HESS,
+  TF_HESS_DAMP,
+  TF_HESS_IP,
+  TF_HESS_DAMP_IP,
+  TF_HESSARRA,
+  TF_GRADARRA4,
+  TF_GRADARRA3,
+  TF_GRADARRA2,
+  TF_GRADMATRIX,
+  TF_GRADARRA_CMPLX,
+  TF_POTENTIALS,
+  TF_POTENTIALS_I,
+  TF_GRADTIME,
+  TF_GRADTIME_IP,
+  TF_GRADSPLICE,
+  TF_GRADSPLICE_IP,
+  TF_BACKUP,
+  TF_GRROWT,
+  TF_GRROWT_RES,
+  TF_GRROWT_B,
+  TF_GRROWT_TEMP,
+  TF_GRROWT_I,
+  TF_GRROWTIP,
+  TF_GRROWTIP_B,
+  TF_GRROWTIP_TEMP,
+  TF_GRROWT_ELEC_SHIFT,
+  TF_GRADCOMP,
+  TF_GRADCOMP_I,
+  TF_GRADCOMP_IP,
+  TF_GRADCOMP_IP_I,
+  TF_GRADCOMP_NW,
+  TF_GRADTEMP,
+  TF_GRADTEMP_I,
+  TF_SPACE_FILTER,
+  TF_SPACE_FILTER_IP,
+  TF_SPACE_FILTER_RES,
+  TF_SPACE_MOD_FILTER,
+  TF_SPACE_MOD_FILTER_RES,
+  TF_SPACE_MOD_FILTER_IP,
+  TF_TMFILFL,
+  TF_TPFILFL,
+  TF_RES_IP_MODEL,
+  TF_RES_IP_DATA,
+  TF_RES_IP_MODEL_VOI1,
+  TF_RES_IP_DATA_VOI1,
+  TF_RES_IP_MODEL_VOI2,
+  TF_RES_IP_DATA_VOI2,
+  TF_DUMP_IMAGE,
+  TF_TEMPFILE,
   TF_COUNT
 };
 
@@ -86,17 +132,18 @@ struct Disk_Inputs {
 // Disk needed for temporary files in GB (the read's estimate) and its panel line.
 double Disk_Space_Temp_Files_GB(const Disk_Inputs &in);
 std::string Disk_Space_Text(double gb);
+// The read's estimate on the "Inversion Parameters" panel; returns the GB.
+double Calculate_Disk_Space_Temp_Files(Data_Set &ds, const Disk_Inputs &in);
 // The run's check: needed GB; 0 if it fits, else 1 with the refusal shown.
 double Disk_Space_Inversion_GB(const Disk_Inputs &in);
-int Check_Disk_Space_Inversion(Data_Set &ds, const Disk_Inputs &in);
+int Calculate_Disk_Space_Inversion_Files(Data_Set &ds, const Disk_Inputs &in);
 
 // Probes whether the Jacobian of `values` 32-bit values fits in memory; when
 // it does not, shows the message and switches to the disk-buffered,
 // incomplete Gauss-Newton road. Returns 1 when the settings were changed.
 int Check_Memory_Jacobian(Data_Set &ds, int64_t values);
 // Size in values of the Jacobian for the memory probe.
-int64_t Jacobian_Probe_Values(int ip_factor, int64_t mdata_series, int64_t nmodel_blocks,
-                              int nseg);
+int64_t Jacobian_Probe_Values(int ip_factor, int64_t mdata_series, int64_t nmodel_blocks, int nseg);
 
 // Exit flow: empties "grrowt_res.bin", then deletes it and the six result
 // binary files.

@@ -16,7 +16,8 @@ inline bool Number_Byte(char c, bool star) {
 // 0 at the end of the text. Exponent letters d and D become e.
 int Next_Token(Text_Image &t, char *tok, bool star, bool &has_star) {
   has_star = false;
-  while (t.pos < t.size && !(Number_Start(t.buf[t.pos]) || (star && t.buf[t.pos] == '*'))) t.pos++;
+  while (t.pos < t.size && !(Number_Start(t.buf[t.pos]) || (star && t.buf[t.pos] == '*')))
+    t.pos++;
   if (t.pos >= t.size) {
     t.found = 0;
     return 0;
@@ -24,8 +25,10 @@ int Next_Token(Text_Image &t, char *tok, bool star, bool &has_star) {
   int n = 0;
   while (t.pos < t.size && n < 80 && Number_Byte(t.buf[t.pos], star)) {
     char c = t.buf[t.pos++];
-    if (c == '*') has_star = true;
-    if (c == 'd' || c == 'D') c = 'e';
+    if (c == '*')
+      has_star = true;
+    if (c == 'd' || c == 'D')
+      c = 'e';
     tok[n++] = c;
   }
   tok[n] = 0;
@@ -36,10 +39,12 @@ int Next_Token(Text_Image &t, char *tok, bool star, bool &has_star) {
 } // namespace
 
 int read_line(Text_Image &t, char *line) {
-  while (t.pos < t.size && static_cast<signed char>(t.buf[t.pos]) <= 32) t.pos++;
+  while (t.pos < t.size && static_cast<signed char>(t.buf[t.pos]) <= 32)
+    t.pos++;
   int n = 0;
   while (t.pos < t.size && t.buf[t.pos] != '\r' && t.buf[t.pos] != '\n') {
-    if (n < text_line_max) line[n++] = t.buf[t.pos];
+    if (n < text_line_max)
+      line[n++] = t.buf[t.pos];
     t.pos++;
   }
   line[n] = 0;
@@ -49,16 +54,20 @@ int read_line(Text_Image &t, char *line) {
 int64_t read_int64(Text_Image &t) {
   char tok[84];
   bool has_star;
-  if (!Next_Token(t, tok, false, has_star)) return 0;
+  if (!Next_Token(t, tok, false, has_star))
+    return 0;
   return std::strtoll(tok, nullptr, 10);
 }
 
-int read_int(Text_Image &t) { return static_cast<int>(read_int64(t)); }
+int read_int(Text_Image &t) {
+  return static_cast<int>(read_int64(t));
+}
 
 double read_real(Text_Image &t) {
   char tok[84];
   bool has_star;
-  if (!Next_Token(t, tok, false, has_star)) return 0.0;
+  if (!Next_Token(t, tok, false, has_star))
+    return 0.0;
   return std::strtod(tok, nullptr);
 }
 
@@ -66,7 +75,8 @@ double read_real_star(Text_Image &t, double dflt, int &star) {
   char tok[84];
   bool has_star;
   star = 0;
-  if (!Next_Token(t, tok, true, has_star)) return 0.0;
+  if (!Next_Token(t, tok, true, has_star))
+    return 0.0;
   if (has_star) {
     star = 1;
     return dflt;

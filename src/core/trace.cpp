@@ -13,7 +13,8 @@ void Set_Trace_Paths(const std::string &folder) {
 }
 
 void trace_printf(const char *format, ...) {
-  if (trace_rec.trace_on != 1) return;
+  if (trace_rec.trace_on != 1)
+    return;
   va_list ap;
   va_start(ap, format);
   std::vsnprintf(trace_rec.line, sizeof trace_rec.line, format, ap);
@@ -24,7 +25,8 @@ namespace {
 
 void Append_Line(const char *path) {
   trace_rec.pending = 1;
-  if (trace_rec.trace_on != 1) return;
+  if (trace_rec.trace_on != 1)
+    return;
   trace_rec.pending = 0;
   FILE *f = std::fopen(path, "a+");
   if (!f) {
@@ -38,6 +40,10 @@ void Append_Line(const char *path) {
 
 } // namespace
 
-void trace_flush() { Append_Line(trace_rec.trace_name); }
+void trace_flush() {
+  Append_Line(trace_rec.trace_name);
+}
 
-void memory_report_flush() { Append_Line(trace_rec.memory_name); }
+void memory_report_flush() {
+  Append_Line(trace_rec.memory_name);
+}

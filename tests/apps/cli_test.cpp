@@ -42,9 +42,9 @@ protected:
   std::string Buffer() const { return dir + "/cache/ohmvol3d/temp_buffer_3D/"; }
 
   Run_Result Run(const std::string &args) {
-    const std::string cmd = "cd '" + dir + "' && XDG_CONFIG_HOME='" + dir + "/cfg' XDG_CACHE_HOME='" +
-                            dir + "/cache' '" OHMVOL3D_CLI "' " + args + " >'" + dir +
-                            "/out.txt' 2>'" + dir + "/err.txt' </dev/null";
+    const std::string cmd = "cd '" + dir + "' && XDG_CONFIG_HOME='" + dir +
+                            "/cfg' XDG_CACHE_HOME='" + dir + "/cache' '" OHMVOL3D_CLI "' " + args +
+                            " >'" + dir + "/out.txt' 2>'" + dir + "/err.txt' </dev/null";
     Run_Result r;
     const int raw = std::system(cmd.c_str());
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
@@ -61,7 +61,8 @@ protected:
       std::istringstream words(line);
       std::string k, v;
       words >> k >> v;
-      if (k == key) return v;
+      if (k == key)
+        return v;
     }
     return "";
   }

@@ -30,8 +30,7 @@ TEST(Commands, GatesRefuseWithTheirTexts) {
       {CMD_DISPLAY_MODEL, "You need to first read in a file with the inversion results.",
        MK_WARNING},
       {CMD_EXPORT_VTK, "You need to first read in a file with the inversion results.", MK_WARNING},
-      {CMD_LCURVE_PLOT, "You need to first read in a file with the inversion results.",
-       MK_WARNING},
+      {CMD_LCURVE_PLOT, "You need to first read in a file with the inversion results.", MK_WARNING},
       {CMD_INV_READ_NOOP, "You need to first read in a file with the inversion results.",
        MK_WARNING},
   };
@@ -135,7 +134,8 @@ TEST(Commands, ProgramInfoIsThePanelReport) {
   EXPECT_EQ(rec.panel_lines[0].text, "Program and System Configuration");
   EXPECT_EQ(rec.panel_lines[1].text, "PC configuration :-");
   std::string all;
-  for (const auto &l : rec.panel_lines) all += l.text + "\n";
+  for (const auto &l : rec.panel_lines)
+    all += l.text + "\n";
   EXPECT_NE(all.find("Maximum model allowed 6000000\n"), std::string::npos);
   EXPECT_NE(all.find("Maximum electrodes allowed 3000000\n"), std::string::npos);
   EXPECT_NE(all.find("Maximum mesh cells 112000000\n"), std::string::npos);

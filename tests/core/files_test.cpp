@@ -214,6 +214,18 @@ TEST(TempFiles, DiskEstimateForTheRead) {
   EXPECT_EQ(Disk_Space_Text(2047.9), lead + "2047.9 GB.  ");
   EXPECT_EQ(Disk_Space_Text(2048.0), lead + "2.00 TB.  ");
   EXPECT_EQ(Disk_Space_Text(3584.0), lead + "3.50 TB.  ");
+
+  // The read's estimate goes to the indented "Inversion Parameters" panel.
+  Temp_Folder tmp;
+  Front_End_Record rec;
+  auto ds = Make_Data_Set(tmp, rec);
+  Disk_Inputs in;
+  in.mesh_nodes = 1 << 20;
+  in.nelec_use = 256; // 1 GiB of potentials
+  EXPECT_NEAR(Calculate_Disk_Space_Temp_Files(*ds, in), 1.1, 1e-12);
+  ASSERT_EQ(rec.panel_lines.size(), 1u);
+  EXPECT_EQ(rec.panel_lines[0].text, lead + "1.10 GB.  ");
+  EXPECT_EQ(rec.panel_lines[0].indent, 1);
 }
 
 TEST(TempFiles, DiskCheckBeforeARun) {
@@ -240,13 +252,13 @@ TEST(TempFiles, DiskCheckBeforeARun) {
   tiny.nelec_use = 10;
   tiny.nmodel_blocks = 100;
   tiny.mdata = 50;
-  EXPECT_EQ(Check_Disk_Space_Inversion(*ds, tiny), 0);
+  EXPECT_EQ(Calculate_Disk_Space_Inversion_Files(*ds, tiny), 0);
   EXPECT_TRUE(rec.messages.empty());
 
   Disk_Inputs huge = tiny;
   huge.mesh_nodes = 1000000000000LL; // 4e16 bytes per electrode set
   huge.nelec_use = 10000;
-  EXPECT_EQ(Check_Disk_Space_Inversion(*ds, huge), 1);
+  EXPECT_EQ(Calculate_Disk_Space_Inversion_Files(*ds, huge), 1);
   const Recorded_Message *m = rec.Last("Disk Space Message");
   ASSERT_NE(m, nullptr);
   EXPECT_TRUE(Starts_With(m->text, "Insufficent free disk space for temporary files.\n"

@@ -26,7 +26,8 @@ TEST(IvpFile, WriterAndReaderAgreeOnEverySetting) {
   // Move every setting off its default to a value inside its bounds.
   for (int i = 0; i < nsettings_table; i++) {
     const Setting_Entry &e = settings_table[i];
-    if (e.kind == SK_FIXED) continue;
+    if (e.kind == SK_FIXED)
+      continue;
     const double v = e.kind == SK_REAL ? e.lo + (e.hi - e.lo) * 0.37 : std::ceil(e.lo);
     Store_Setting_Value(*a, e, v, static_cast<long long>(v));
   }
@@ -38,7 +39,8 @@ TEST(IvpFile, WriterAndReaderAgreeOnEverySetting) {
   ASSERT_EQ(readinvset(*b, 1, path.c_str()), 0);
   for (int i = 0; i < nsettings_table; i++) {
     const Setting_Entry &e = settings_table[i];
-    if (e.kind == SK_FIXED) continue;
+    if (e.kind == SK_FIXED)
+      continue;
     EXPECT_EQ(Format_Setting_Value(*a, e), Format_Setting_Value(*b, e)) << e.key;
   }
   // The fixed entries carry their digit whatever the state.
@@ -67,7 +69,8 @@ TEST(IvpFile, KeySearchFirstPlaceWholeLinesAndLineEnds) {
   EXPECT_DOUBLE_EQ(ds->LS_method.convergence_limit, Data_Set().LS_method.convergence_limit);
   EXPECT_DOUBLE_EQ(ds->LS_method.fmarqm, 0.0001); // clamped to its lower bound
   bool saw_panel = false;
-  for (const auto &l : rec.panel_lines) saw_panel |= l.text == "Number of iterations  6";
+  for (const auto &l : rec.panel_lines)
+    saw_panel |= l.text == "Number of iterations  6";
   EXPECT_TRUE(saw_panel);
 }
 
@@ -124,14 +127,15 @@ TEST(IvpFile, SettingFromTextAndChecksAfterRead) {
 
   // A minimum damping above the initial one, a user IP reference outside
   // the IP limits, sequential IP with too few iterations.
-  Write_File(tmp.sub("c.ivp"), "Inversion settings\n"
-                               "Initial damping factor\n0.2\nMinimum damping factor\n0.5\n"
-                               "Use zero reference I.P. model value? (0=No,1=Yes, 2=user defined)\n2\n"
-                               "Upper limit for IP model value (100 to 900 mV/V)\n200\n"
-                               "User defined reference I.P. model value (0-900 mV/V)\n800\n"
-                               "Use concurrrent or sequential IP inversion. (0=Concurrent, "
-                               "1=Sequential)\n1\n"
-                               "Number of iterations for sequential IP inversion. (5-16)\n2\n");
+  Write_File(tmp.sub("c.ivp"),
+             "Inversion settings\n"
+             "Initial damping factor\n0.2\nMinimum damping factor\n0.5\n"
+             "Use zero reference I.P. model value? (0=No,1=Yes, 2=user defined)\n2\n"
+             "Upper limit for IP model value (100 to 900 mV/V)\n200\n"
+             "User defined reference I.P. model value (0-900 mV/V)\n800\n"
+             "Use concurrrent or sequential IP inversion. (0=Concurrent, "
+             "1=Sequential)\n1\n"
+             "Number of iterations for sequential IP inversion. (5-16)\n2\n");
   ASSERT_EQ(readinvset(*ds, 1, tmp.sub("c.ivp").c_str()), 0);
   EXPECT_DOUBLE_EQ(ds->LS_method.fmarqm, 0.2);
   EXPECT_DOUBLE_EQ(ds->Data_ip.ip_ref_user, 200.0);
