@@ -15,7 +15,6 @@ Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front)
   if (opt.nthreads > 0)
     omp_set_num_threads(opt.nthreads);
   System_config.Start(opt);
-  System_config.lim_template.nmax_fix_regions = 1000;
   Set_Temp_File_Names(file_names, System_config.buffer_folder);
   Set_Trace_Paths(System_config.buffer_folder);
 }
