@@ -28,6 +28,7 @@ int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
     return Usage_Error("settings needs show, save FILE, load FILE or reset");
   if (opt.args.size() != want)
     return Usage_Error("wrong number of words for 'settings " + verb + "'");
+  const std::string kept = ds.System_config.Ivp_Path(); // settings later runs start from
   if (verb == "show")
     return ds.Run_Command(CMD_LIST_SETTINGS) ? 1 : 0;
   if (verb == "save")
@@ -36,7 +37,6 @@ int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
     if (ds.Run_Command(CMD_READ_IVP, file.c_str()))
       return 1;
     // Later runs start from these settings.
-    const std::string kept = ds.System_config.Ivp_Path();
     if (Save_Inversion_Parameters(ds, kept.c_str())) {
       print_to_buffer(ds.mesg, sizeof ds.mesg, "Cannot create file %s\n", kept.c_str());
       show_message(ds, ds.mesg, "File Error");
@@ -44,7 +44,6 @@ int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
     }
     return 0;
   }
-  const std::string kept = ds.System_config.Ivp_Path();
   if (std::remove(kept.c_str()) == 0) {
     print_to_buffer(ds.mesg, sizeof ds.mesg, "Removed %s: later runs start from the defaults.",
                     kept.c_str());

@@ -15,8 +15,6 @@ Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front)
   if (opt.nthreads > 0)
     omp_set_num_threads(opt.nthreads);
   System_config.Start(opt);
-  Set_Temp_File_Names(file_names, System_config.buffer_folder);
-  Set_Trace_Paths(System_config.buffer_folder);
 }
 
 Data_Set::~Data_Set() {
@@ -29,7 +27,6 @@ int Data_Set::Create() {
   sc.lim_template.nthreads = sc.nthreads;
   Data_lim_sys = sc.lim_template;
   long_tables_status = Allocate_Arrays();
-  Set_Trace_Paths(sc.buffer_folder);
   Detect_Cpu(sc.cpu);
   return long_tables_status;
 }
@@ -41,9 +38,13 @@ int Data_Set::First_Paint() {
   System_config.lim_template.disk_free_byte = System_config.disk_free_byte;
   if (access(System_config.Ivp_Path().c_str(), R_OK) == 0)
     readinvset(*this, 1, System_config.Ivp_Path().c_str());
+  Set_Folder_Names();
+  return ierr;
+}
+
+void Data_Set::Set_Folder_Names() {
   Set_Temp_File_Names(file_names, System_config.buffer_folder);
   Set_Trace_Paths(System_config.buffer_folder);
-  return ierr;
 }
 
 void Data_Set::Exit() {

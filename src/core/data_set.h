@@ -99,6 +99,9 @@ public:
   // First paint: reads the user's ohmvol3d.ivp silently and names the
   // temporary files in the buffer folder.
   int First_Paint();
+  // Rebuilds the temporary file names and the trace paths from the buffer
+  // folder (at first paint and whenever the folder changes).
+  void Set_Folder_Names();
   // Exit flow: writes ohmvol3d.ini and removes the exit temporary files.
   void Exit();
 

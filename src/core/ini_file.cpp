@@ -5,6 +5,8 @@
 #include <cstring>
 #include <map>
 
+#include "core/folders.h"
+
 namespace {
 
 std::string Trim(const std::string &s) {
@@ -14,12 +16,6 @@ std::string Trim(const std::string &s) {
   while (b > a && std::isspace(static_cast<unsigned char>(s[b - 1])))
     b--;
   return s.substr(a, b - a);
-}
-
-std::string With_Slash(std::string s) {
-  if (!s.empty() && s.back() != '/')
-    s += '/';
-  return s;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "core/ivp_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -52,29 +53,22 @@ std::unordered_map<std::string_view, int64_t> Index_Lines(const char *buf, int64
   return first;
 }
 
-template <class T> T Clamp(T v, double lo, double hi) {
-  if (v < lo)
-    return static_cast<T>(lo);
-  if (v > hi)
-    return static_cast<T>(hi);
-  return v;
-}
-
 } // namespace
 
-void Store_Setting_Value(Data_Set &ds, const Setting_Entry &e, double value, long long ivalue) {
+void Store_Setting_Value(Data_Set &ds, const Setting_Entry &e, double value) {
   void *m = e.member ? e.member(ds) : nullptr;
   if (!m)
     return;
+  const double v = std::clamp(value, e.lo, e.hi);
   switch (e.kind) {
   case SK_INT:
-    *static_cast<int *>(m) = static_cast<int>(Clamp<long long>(ivalue, e.lo, e.hi));
+    *static_cast<int *>(m) = static_cast<int>(std::llround(v));
     break;
   case SK_INT64:
-    *static_cast<int64_t *>(m) = Clamp<long long>(ivalue, e.lo, e.hi);
+    *static_cast<int64_t *>(m) = std::llround(v);
     break;
   case SK_REAL:
-    *static_cast<double *>(m) = Clamp<double>(value, e.lo, e.hi);
+    *static_cast<double *>(m) = v;
     break;
   default:
     break;
@@ -113,9 +107,27 @@ int Set_Setting_Text(Data_Set &ds, const Setting_Entry &e, const char *text) {
     return 1;
   if (e.kind != SK_REAL && v != std::floor(v))
     return 1;
-  Store_Setting_Value(ds, e, v, static_cast<long long>(std::llround(v)));
+  Store_Setting_Value(ds, e, v);
   return 0;
 }
+
+namespace {
+
+// The panel line of a setting just read: its own format where it has one,
+// else the caption, two blanks and the value as the file writes it.
+std::string Panel_Line(Data_Set &ds, const Setting_Entry &e) {
+  char line[1024];
+  const void *m = e.member(ds);
+  if (!e.panel)
+    std::snprintf(line, sizeof line, "%s  %s", e.caption, Format_Setting_Value(ds, e).c_str());
+  else if (e.kind == SK_REAL)
+    std::snprintf(line, sizeof line, e.panel, *static_cast<const double *>(m));
+  else
+    std::snprintf(line, sizeof line, e.panel, *static_cast<const int *>(m));
+  return line;
+}
+
+} // namespace
 
 int Save_Inversion_Parameters(Data_Set &ds, const char *path) {
   FILE *f = std::fopen(path, "w");
@@ -187,20 +199,9 @@ int readinvset(Data_Set &ds, int silent, const char *path) {
     const double v = e.kind == SK_REAL ? read_real(t) : static_cast<double>(read_int64(t));
     if (!t.found)
       continue;
-    Store_Setting_Value(ds, e, v, static_cast<long long>(v));
-    if (!silent) {
-      const std::string value = Format_Setting_Value(ds, e);
-      if (e.panel) {
-        void *m = e.member(ds);
-        if (e.kind == SK_REAL)
-          print_to_buffer(ds.mesg, sizeof ds.mesg, e.panel, *static_cast<double *>(m));
-        else
-          print_to_buffer(ds.mesg, sizeof ds.mesg, e.panel, *static_cast<int *>(m));
-      } else {
-        print_to_buffer(ds.mesg, sizeof ds.mesg, "%s  %s", e.caption, value.c_str());
-      }
-      panel_text(ds, ds.mesg);
-    }
+    Store_Setting_Value(ds, e, v);
+    if (!silent)
+      panel_text(ds, Panel_Line(ds, e).c_str());
   }
   Check_Settings_After_Read(ds);
   TRACE("readinvset exit\n");

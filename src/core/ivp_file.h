@@ -26,4 +26,4 @@ std::string Format_Setting_Value(Data_Set &ds, const Setting_Entry &e);
 // is not a number of the setting's kind, 2 for a fixed entry.
 int Set_Setting_Text(Data_Set &ds, const Setting_Entry &e, const char *text);
 // Stores a number into a setting, clamped to its bounds.
-void Store_Setting_Value(Data_Set &ds, const Setting_Entry &e, double value, long long ivalue);
+void Store_Setting_Value(Data_Set &ds, const Setting_Entry &e, double value);

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "core/folders.h"
 #include "core/memory.h"
-#include "core/temp_files.h"
 
 namespace {
 
@@ -20,12 +20,6 @@ std::string Home_Relative(const char *xdg_var, const char *fallback, const char 
   if (base.back() != '/')
     base += '/';
   return base + tail;
-}
-
-std::string With_Slash(std::string s) {
-  if (s.empty() || s.back() != '/')
-    s += '/';
-  return s;
 }
 
 } // namespace

@@ -1,11 +1,8 @@
 #include "core/temp_files.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "core/data_set.h"
@@ -82,12 +79,6 @@ const char *const temp_base_names[TF_COUNT] = {"jacobfx.tmp",
 const double gb_factor = 9.313225746154785e-10; // 2^-30
 const double tb_per_gb = 0.0009765625;          // 2^-10
 
-std::string With_Slash(std::string s) {
-  if (s.empty() || s.back() != '/')
-    s += '/';
-  return s;
-}
-
 // Creates `name` in `folder` for writing, then closes and deletes it.
 int Try_Create_File(const std::string &path) {
   FILE *f = std::fopen(path.c_str(), "wb");
@@ -115,36 +106,6 @@ std::string Factor_File_Name(const File_Names &names, const char *stem, int lowe
   std::snprintf(buf, sizeof buf, lower ? "%s_lnz_%d_%d.bin" : "%s_unz_%d_%d.bin",
                 (names.folder + stem).c_str(), i, j);
   return buf;
-}
-
-int64_t Free_Disk_Bytes(const std::string &path) {
-  // Walk up to the nearest folder that exists; an empty path means here.
-  std::string p = path;
-  for (;;) {
-    struct statvfs st;
-    if (statvfs(p.empty() ? "." : p.c_str(), &st) == 0)
-      return static_cast<int64_t>(st.f_bavail) * static_cast<int64_t>(st.f_frsize);
-    while (p.size() > 1 && p.back() == '/')
-      p.pop_back();
-    const size_t slash = p.rfind('/');
-    if (p.empty() || p == "/")
-      return -1;
-    p.resize(slash == std::string::npos ? 0 : (slash == 0 ? 1 : slash));
-  }
-}
-
-int Make_Folders(const std::string &path) {
-  std::string p;
-  for (size_t i = 0; i <= path.size(); i++) {
-    if (i == path.size() || path[i] == '/') {
-      if (!p.empty() && mkdir(p.c_str(), 0755) != 0 && errno != EEXIST)
-        return 1;
-    }
-    if (i < path.size())
-      p += path[i];
-  }
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? 0 : 1;
 }
 
 int Start_Buffer_Folder(Data_Set &ds, const std::string &folder) {
@@ -197,8 +158,7 @@ int Test_Buffer_Folder(Data_Set &ds, const std::string &new_folder) {
   sc.Ini.buffer = folder;
   sc.Ini.buffer_set = 1;
   ds.Data_lim_sys.disk_free_byte = free_bytes;
-  Set_Temp_File_Names(ds.file_names, folder);
-  Set_Trace_Paths(folder);
+  ds.Set_Folder_Names();
   TRACE("Test_Buffer_Folder new folder %s\n", folder.c_str());
   return 0;
 }

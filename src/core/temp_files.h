@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "core/folders.h"
+
 class Data_Set;
 
 // Every temporary file, by the subject it belongs to.
@@ -91,12 +93,6 @@ struct File_Names {
 void Set_Temp_File_Names(File_Names &names, const std::string &folder);
 // Names of the block solver's factor files: "%s_lnz_%d_%d.bin", "%s_unz_%d_%d.bin".
 std::string Factor_File_Name(const File_Names &names, const char *stem, int lower, int i, int j);
-
-// Free bytes of the file system that holds `path` (or its nearest existing
-// parent); -1 when none can be measured.
-int64_t Free_Disk_Bytes(const std::string &path);
-// Creates a folder and its missing parents; 0 on success.
-int Make_Folders(const std::string &path);
 
 // Start-up choice of the buffer folder (see System_Config). Creates the
 // folder and tests it with "temp.bin". Returns 0 when the folder is usable.

@@ -19,6 +19,13 @@ const Setting_Entry &Entry(const char *key) {
   return *e;
 }
 
+// Writes `text` as an .ivp file in tmp and reads it into ds.
+int Read_Ivp_Text(Data_Set &ds, const Temp_Folder &tmp, const std::string &text, int silent) {
+  const std::string path = tmp.sub("text.ivp");
+  Write_File(path, text);
+  return readinvset(ds, silent, path.c_str());
+}
+
 TEST(IvpFile, WriterAndReaderAgreeOnEverySetting) {
   Temp_Folder tmp;
   Front_End_Record rec;
@@ -29,7 +36,7 @@ TEST(IvpFile, WriterAndReaderAgreeOnEverySetting) {
     if (e.kind == SK_FIXED)
       continue;
     const double v = e.kind == SK_REAL ? e.lo + (e.hi - e.lo) * 0.37 : std::ceil(e.lo);
-    Store_Setting_Value(*a, e, v, static_cast<long long>(v));
+    Store_Setting_Value(*a, e, v);
   }
   const std::string path = tmp.sub("all.ivp");
   ASSERT_EQ(Save_Inversion_Parameters(*a, path.c_str()), 0);
@@ -57,12 +64,14 @@ TEST(IvpFile, KeySearchFirstPlaceWholeLinesAndLineEnds) {
   const int nit_before = ds->LS_method.nit;
   // CRLF line ends, trailing blanks, a repeated key (the first counts), a
   // caption that only starts like another ("Convergence limit for ...").
-  Write_File(tmp.sub("x.ivp"), "Inversion settings\r\n"
-                               "Convergence limit for Incomplete Gauss-Newton method\r\n0.05\r\n"
-                               "Number of iterations  \r\n6\r\n"
-                               "Number of iterations\r\n9\r\n"
-                               "Minimum damping factor\r\n0.00001\r\n");
-  ASSERT_EQ(readinvset(*ds, 0, tmp.sub("x.ivp").c_str()), 0);
+  ASSERT_EQ(Read_Ivp_Text(*ds, tmp,
+                          "Inversion settings\r\n"
+                          "Convergence limit for Incomplete Gauss-Newton method\r\n0.05\r\n"
+                          "Number of iterations  \r\n6\r\n"
+                          "Number of iterations\r\n9\r\n"
+                          "Minimum damping factor\r\n0.00001\r\n",
+                          0),
+            0);
   EXPECT_EQ(ds->LS_method.nit, 6);
   EXPECT_NE(nit_before, 6);
   EXPECT_DOUBLE_EQ(ds->LS_method.cg_convlim, 0.05);
@@ -127,16 +136,17 @@ TEST(IvpFile, SettingFromTextAndChecksAfterRead) {
 
   // A minimum damping above the initial one, a user IP reference outside
   // the IP limits, sequential IP with too few iterations.
-  Write_File(tmp.sub("c.ivp"),
-             "Inversion settings\n"
-             "Initial damping factor\n0.2\nMinimum damping factor\n0.5\n"
-             "Use zero reference I.P. model value? (0=No,1=Yes, 2=user defined)\n2\n"
-             "Upper limit for IP model value (100 to 900 mV/V)\n200\n"
-             "User defined reference I.P. model value (0-900 mV/V)\n800\n"
-             "Use concurrrent or sequential IP inversion. (0=Concurrent, "
-             "1=Sequential)\n1\n"
-             "Number of iterations for sequential IP inversion. (5-16)\n2\n");
-  ASSERT_EQ(readinvset(*ds, 1, tmp.sub("c.ivp").c_str()), 0);
+  ASSERT_EQ(Read_Ivp_Text(*ds, tmp,
+                          "Inversion settings\n"
+                          "Initial damping factor\n0.2\nMinimum damping factor\n0.5\n"
+                          "Use zero reference I.P. model value? (0=No,1=Yes, 2=user defined)\n2\n"
+                          "Upper limit for IP model value (100 to 900 mV/V)\n200\n"
+                          "User defined reference I.P. model value (0-900 mV/V)\n800\n"
+                          "Use concurrrent or sequential IP inversion. (0=Concurrent, "
+                          "1=Sequential)\n1\n"
+                          "Number of iterations for sequential IP inversion. (5-16)\n2\n",
+                          1),
+            0);
   EXPECT_DOUBLE_EQ(ds->LS_method.fmarqm, 0.2);
   EXPECT_DOUBLE_EQ(ds->Data_ip.ip_ref_user, 200.0);
   EXPECT_EQ(ds->LS_method.nit_ip, 5);
