@@ -8,7 +8,7 @@
 namespace {
 
 // Options of single subcommands that take a value.
-const char *const valued_named[] = {"-o",    "--model",  "--noise",    "--seed",
+const char *const valued_named[] = {"-o", "--save", "--model",  "--noise",    "--seed",
                                     "--vtk", "--format", "--iteration"};
 // Options of single subcommands that stand alone.
 const char *const flag_named[] = {"--ip"};
@@ -119,7 +119,8 @@ const char *Cli_Usage(const std::string &subcommand) {
          "Subcommands:\n"
          "  info                         program and system configuration\n"
          "  settings show|save|load|reset  inversion settings (.ivp files)\n"
-         "  read DATA.dat                read a survey data file and report it\n"
+         "  read DATA.dat [--save OUT.dat]  read a survey data file and report it;\n"
+         "                               --save writes the data read as a data file\n"
          "  invert DATA.dat [-o RESULTS.inv]  invert a survey data file\n"
          "  export RESULTS.inv --format xyz|xyzc|logxyzc|vtk|misfit [--iteration N] [--ip]\n"
          "  plot RESULTS.inv [--iteration N] [--ip] -o FILE.png\n"

@@ -6,6 +6,7 @@
 
 #include "cli_front_end.h"
 #include "cli_options.h"
+#include "survey/survey.h"
 #include "core/commands.h"
 #include "core/cpu_info.h"
 #include "core/data_set.h"
@@ -53,6 +54,23 @@ int Run_Settings(Data_Set &ds, const Cli_Options &opt) {
   }
   panel_text(ds, ds.mesg);
   return 0;
+}
+
+const std::string *Named_Option(const Cli_Options &opt, const char *name) {
+  for (const auto &[key, value] : opt.named)
+    if (key == name)
+      return &value;
+  return nullptr;
+}
+
+// read DATA.dat [--save OUT.dat]
+int Run_Read(Data_Set &ds, const Cli_Options &opt) {
+  if (opt.args.size() != 1)
+    return Usage_Error("read needs one data file name");
+  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
+    return 1;
+  const std::string *out = Named_Option(opt, "--save");
+  return out && File_Save(ds, out->c_str()) ? 1 : 0;
 }
 
 // Subcommands whose work is not built yet go through their command ids, so
@@ -124,6 +142,8 @@ int main(int argc, char **argv) {
     result = ds.Run_Command(CMD_PROGRAM_INFO) ? 1 : 0;
   else if (sub == "settings")
     result = Run_Settings(ds, opt);
+  else if (sub == "read")
+    result = Run_Read(ds, opt);
   else
     result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);

@@ -8,6 +8,7 @@
 #include "core/messages.h"
 #include "core/settings_table.h"
 #include "core/trace.h"
+#include "survey/survey.h"
 
 namespace {
 
@@ -112,7 +113,7 @@ int Run_List_Settings(Data_Set &ds, const char *) {
 const Command_Entry command_table[] = {
     {CMD_PROGRAM_INFO, G_NONE, Run_Program_Info},
     {CMD_EXIT, G_NONE, Run_Exit},
-    {CMD_READ_DATA, G_NONE, nullptr},
+    {CMD_READ_DATA, G_NONE, Call_Read_Data_File},
     {CMD_SAVE_IVP, G_NONE, Run_Save_Ivp},
     {CMD_READ_IVP, G_NONE, Run_Read_Ivp},
     {CMD_INVERT, G_DATA_READ, nullptr},

@@ -10,6 +10,7 @@
 #include "core/memory.h"
 #include "core/messages.h"
 #include "core/trace.h"
+#include "survey/survey.h"
 
 Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front) {
   if (opt.nthreads > 0)
@@ -59,6 +60,7 @@ int Data_Set::Allocate_Arrays() {
   for (float *&t : cell_values)
     ierr |= Allocate_Values(*this, t, m + 1, "model cell values");
   ierr |= Allocate_Values(*this, cell_flags, m, "model cell flags");
+  ierr |= Allocate_Survey_Arrays();
   TRACE_MEMORY("Allocate_Arrays nmax_model %lld ierr %d\n", static_cast<long long>(m), ierr);
   return ierr;
 }
@@ -67,6 +69,52 @@ void Data_Set::Free_Arrays() {
   for (float *&t : cell_values)
     Free_Values(t);
   Free_Values(cell_flags);
+  Free_Survey_Arrays();
+}
+
+int Data_Set::Allocate_Survey_Arrays() {
+  const Data_Limits &lim = Data_lim_sys;
+  const int64_t records = Data_Records_Count(lim);
+  const int64_t data_sized = 2 * static_cast<int64_t>(lim.nmax_data) + 4;
+  const int64_t elecs = lim.nmax_elecs;
+  int ierr = 0;
+  num_dp_records = records;
+  ierr |= Allocate_Values(*this, dp, records, "data point records");
+  ierr |= Allocate_Values(*this, dp_work, static_cast<int64_t>(lim.nmax_data) + 4,
+                          "data point scratch records");
+  ierr |= Allocate_Values(*this, valid_res, records, "data valid flags");
+  ierr |= Allocate_Values(*this, valid_ip, records, "IP valid flags");
+  ierr |= Allocate_Values(*this, keep, records, "data keep flags");
+  ierr |= Allocate_Values(*this, sort_keys, data_sized, "data sort keys");
+  ierr |= Allocate_Values(*this, sort_index, data_sized, "data sort index");
+  ierr |= Allocate_Values(*this, pe, 2 * elecs + 4, "point electrodes");
+  ierr |= Allocate_Values(*this, pe_copy, 2 * elecs + 4, "point electrodes copy");
+  ierr |= Allocate_Values(*this, pe_work, 2 * elecs + 4, "point electrodes scratch");
+  ierr |= Allocate_Values(*this, key_x, 2 * elecs + 4, "electrode x keys");
+  ierr |= Allocate_Values(*this, key_y, 2 * elecs + 4, "electrode y keys");
+  ierr |= Allocate_Values(*this, key_z, 2 * elecs + 4, "electrode depth keys");
+  ierr |= Allocate_Values(*this, key_index, 2 * elecs + 4, "electrode key index");
+  ierr |= Allocate_Section_Arrays(*this);
+  return ierr;
+}
+
+void Data_Set::Free_Survey_Arrays() {
+  Free_Values(dp);
+  Free_Values(dp_work);
+  Free_Values(valid_res);
+  Free_Values(valid_ip);
+  Free_Values(keep);
+  Free_Values(sort_keys);
+  Free_Values(sort_index);
+  Free_Values(pe);
+  Free_Values(pe_copy);
+  Free_Values(pe_work);
+  Free_Values(key_x);
+  Free_Values(key_y);
+  Free_Values(key_z);
+  Free_Values(key_index);
+  Free_Section_Arrays(*this);
+  num_dp_records = 0;
 }
 
 std::string Data_Set::Configuration_Report() const {

@@ -20,6 +20,7 @@
 #include "modes/inv_splice.h"
 #include "modes/time_lapse.h"
 #include "survey/data_filter.h"
+#include "survey/survey_state.h"
 #include "survey/vector_para.h"
 
 // Program version.
@@ -28,7 +29,7 @@ constexpr int version_minor = 0;
 constexpr int version_sub = 0;
 constexpr int version_year = 2026, version_month = 11, version_day = 21;
 
-class Data_Set : public Data_Set_Settings {
+class Data_Set : public Data_Set_Settings, public Survey_State {
 public:
   // The computer and its surroundings.
   System_Config System_config;
@@ -111,6 +112,9 @@ public:
 
   int Allocate_Arrays();
   void Free_Arrays();
+  // The survey's tables: data points, point electrodes, keys, sections.
+  int Allocate_Survey_Arrays();
+  void Free_Survey_Arrays();
 
   // "Program and System Configuration" report.
   std::string Configuration_Report() const;

@@ -7,6 +7,8 @@ struct Data_Set_Settings {
   // Quantity inverted: 0 log of apparent resistivity, 1 resistance, 2 apparent
   // resistivity, 3 log of squared apparent resistivity.
   int appres_inv = 0;
+  // The quantity the user chose in the dialog; a read resets appres_inv from it.
+  int appres_inv_setting = 0;
   int auto_sort_data = 1; // sort the data points after reading
 
   // Finite-element solvers.

@@ -1,9 +1,25 @@
 // Model grid: grid lines, layers, cells and topography settings.
 #pragma once
 
+constexpr int max_grid_lines = 1950; // above every row's nmax_grid_lines
+constexpr int max_user_layers = 64;  // above every row's nmax_layers
+
 class Model_Grid {
 public:
   int nlayers = 0; // layers of the present model
+
+  // Grid lines of the data file (normalised after reading).
+  int ngridx = 0, ngridy = 0;
+  double xgrid[max_grid_lines + 1] = {};
+  double ygrid[max_grid_lines + 1] = {};
+
+  // User defined depths to layers (user units).
+  int user_depths = 0;   // the data file gave them
+  int nlayers_user = 0;  // their count
+  double depth_user[max_user_layers + 1] = {};
+
+  // Counts copied from the survey after a read.
+  int num_point_elecs = 0, num_sub_elecs = 0, ndata = 0, ntime = 1, typeip = 0, nelec_use = 0;
 
   // Layers. Lengths are in unit electrode spacings.
   double thick1 = 0.5;     // thickness of the first layer

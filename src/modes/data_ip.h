@@ -1,8 +1,18 @@
 // Induced-polarisation measurement description and IP inversion settings.
 #pragma once
 
+constexpr int ip_text_max = 32; // characters kept of the IP name and unit
+
 class Data_IP {
 public:
+  // The IP data of the survey.
+  int typeip = 0; // 0 none, 1 chargeability, 2 metal factor, 3 percent frequency effect, 4 phase
+  char ip_name[ip_text_max + 1] = {}; // quantity's name as the file gives it
+  char ip_unit[ip_text_max + 1] = {}; // its unit
+  double ip_par1 = 0.0, ip_par2 = 0.0; // the two settings (frequencies for type 3)
+  int auto_replace_invalid_ip = 0;     // mark values past invalid_ip_limit as missing
+  double invalid_ip_limit = 800.0;     // in mV/V
+
   double valid_ip_limit = 0.8; // largest absolute IP value of a valid datum, as a fraction
 
   // IP model. Limits and reference are in mV/V.

@@ -3,6 +3,7 @@
 
 class Inv_Splice {
 public:
+  int reading_segment = 0;           // a segment's data set is being read
   int segment_overlap = 3;           // model blocks by which a segment extends its edges
   int type_jacobian_outside = 1;     // Jacobian outside a segment: 0 zero, 1 half-space values
   int shift_segment_boundaries = 0;  // shift segment boundaries after each iteration

@@ -1,0 +1,142 @@
+// The read of a data file (command 201): the whole file into memory, the
+// parse, and the new data file that some reads must write.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+#include "core/data_set.h"
+#include "core/messages.h"
+#include "core/settings_snapshot.h"
+#include "core/trace.h"
+#include "survey/survey.h"
+
+namespace {
+
+int File_Message(Data_Set &ds, const char *format, const char *path, const char *title,
+                 int kind = MK_WARNING) {
+  char text[2048 + 512];
+  std::snprintf(text, sizeof text, format, path);
+  show_message(ds, text, title, kind);
+  return 1;
+}
+
+// The whole file into a buffer of size + 1 bytes.
+int Load_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buffer) {
+  FILE *f = std::fopen(path, "rb");
+  struct stat st;
+  if (!f || fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (f)
+      std::fclose(f);
+    return File_Message(ds, "There is a problem in reading the following file\n%s", path,
+                        "File Error");
+  }
+  const size_t size = static_cast<size_t>(st.st_size);
+  buffer.reset(new (std::nothrow) char[size + 1]);
+  const bool ok = buffer && std::fread(buffer.get(), 1, size, f) == size;
+  std::fclose(f);
+  if (!ok)
+    return File_Message(ds, "There is a problem in reading the following file\n%s", path,
+                        "File Error");
+  buffer[size] = 0;
+  ds.img = Text_Image();
+  ds.img.buf = buffer.get();
+  ds.img.size = static_cast<int64_t>(size);
+  return 0;
+}
+
+void Electrodes_Per_Point(Data_Set &ds) {
+  ds.narray_same = ds.mdata > 0 ? ds.dp[0].nelec : 0;
+  ds.nelec_max = 0;
+  for (int i = 0; i < ds.mdata; i++) {
+    if (ds.dp[i].nelec != ds.narray_same)
+      ds.narray_same = 0;
+    if (ds.dp[i].nelec > ds.nelec_max)
+      ds.nelec_max = ds.dp[i].nelec;
+  }
+}
+
+// Writes the data read into "_sort.dat", "_ext.dat" or "_new.dat". Returns 1
+// when the read must count as failed (the new file must be read instead).
+int Save_New_Data_File(Data_Set &ds) {
+  char path[2048];
+  const char *ending = ds.flag_save_in_new_format == 0 ? "_sort.dat"
+                       : ds.grid_extend                ? "_ext.dat"
+                                                       : "_new.dat";
+  Derived_File_Name(ds.file_names.data_file.c_str(), ending, path, sizeof path);
+  const int listed = ds.num_point_elecs;
+  if (ds.pe_converted) {
+    // Only the electrodes the data use are written; the table comes back after.
+    Check_Electrodes_Usage(ds);
+    std::memcpy(static_cast<void *>(ds.pe_work), ds.pe, sizeof(Point_Electrode) * listed);
+    int n = 0;
+    for (int e = 0; e < listed; e++)
+      if (ds.pe_work[e].used)
+        ds.pe[n++] = ds.pe_work[e];
+    ds.num_point_elecs = n;
+  }
+  const int ierr = File_Save(ds, path);
+  if (ds.pe_converted) {
+    std::memcpy(static_cast<void *>(ds.pe), ds.pe_work, sizeof(Point_Electrode) * listed);
+    ds.num_point_elecs = listed;
+  }
+  if (ierr)
+    return 1;
+  if (!ds.pe_converted) {
+    File_Message(ds, "Sorted data file saved in\n%s\n", path, "Data File", MK_INFORMATION);
+    return 0;
+  }
+  if (ds.grid_extend) {
+    File_Message(ds,
+                 "Model cell with 4 nodes at edge of grid.\nSaving the data into a new file with "
+                 "extended model grid\n%s\nIt is recommeded that you read this new file and select "
+                 "the semi-structured grid method. The computer might not have sufficient memory "
+                 "for the simple rectangular mesh.",
+                 path, "File extended grid modification", MK_INFORMATION);
+    return 0;
+  }
+  char text[2048 + 512];
+  std::snprintf(text, sizeof text,
+                "Data file in point electrodes format saved in\n%s\nThe original file had %d "
+                "missing point electrodes.\nYou need to read in this new sorted file to carry out "
+                "the inversion.",
+                path, ds.missing_electrodes);
+  show_message(ds, text, "Data File", MK_INFORMATION);
+  ds.mdata = 0;
+  return 1;
+}
+
+} // namespace
+
+int Call_Read_Data_File(Data_Set &ds, const char *path) {
+  ds.current_command = 201;
+  if (!path || !path[0])
+    return 1; // the chooser was cancelled: nothing changes
+  std::unique_ptr<char[]> buffer;
+  if (Load_File(ds, path, buffer))
+    return 1;
+  ds.file_names.data_file = path;
+  Settings_Snapshot before;
+  before.Take(ds);
+  if (Parse_Data_File(ds)) {
+    File_Message(ds, "Error in reading file %s\n", path, "File Error");
+    ds.mdata = 0;
+    before.Restore(ds);
+    ds.img = Text_Image();
+    return 1;
+  }
+  ds.img = Text_Image();
+  File_Message(ds, "Reading of file %s completed\n", path, "File Read");
+  Electrodes_Per_Point(ds);
+  int failed = 0;
+  if (ds.mdata > 0 &&
+      (ds.data_points_removed == 1 || ds.flag_save_in_new_format > 0 || ds.save_sorted_next_read))
+    failed = Save_New_Data_File(ds);
+  if (ds.flag_save_in_new_format > 0) {
+    ds.mdata = 0;
+    ds.flag_save_in_new_format = 0;
+  }
+  progress(ds, "Completed reading file", 1.0);
+  TRACE("Call_Read_Data_File %s mdata %d\n", path, ds.mdata);
+  return failed || ds.mdata < 1 ? 1 : 0;
+}

@@ -1,0 +1,134 @@
+#include "survey/scatter_interpolation.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// The k smallest squared distances seen so far, with their point indices.
+struct Nearest_Set {
+  static constexpr int k = 4;
+  double d2[k];
+  int64_t index[k];
+  int count = 0;
+
+  void Offer(double d, int64_t i) {
+    if (count == k && d >= d2[k - 1])
+      return;
+    int pos = count < k ? count++ : k - 1;
+    while (pos > 0 && d2[pos - 1] > d) {
+      d2[pos] = d2[pos - 1];
+      index[pos] = index[pos - 1];
+      pos--;
+    }
+    d2[pos] = d;
+    index[pos] = i;
+  }
+};
+
+} // namespace
+
+void Height_Interpolator::Build_Buckets() {
+  const int64_t n = size();
+  cell_start_.assign(2, 0);
+  items_.clear();
+  nx_ = ny_ = 1;
+  if (n == 0)
+    return;
+  const auto [xlo, xhi] = std::minmax_element(x_.begin(), x_.end());
+  const auto [ylo, yhi] = std::minmax_element(y_.begin(), y_.end());
+  x0_ = *xlo;
+  y0_ = *ylo;
+  const double w = *xhi - *xlo, h = *yhi - *ylo;
+  const double extent = std::max({w, h, 1e-12});
+  // About two points a cell; a flat spread (all points on a line) keeps a
+  // narrow but non-zero side so the cell size stays finite.
+  const double area = std::max(w, 1e-3 * extent) * std::max(h, 1e-3 * extent);
+  cell_ = std::sqrt(area / std::max<double>(1.0, 0.5 * static_cast<double>(n)));
+  nx_ = static_cast<int>(std::min<double>(w / cell_, 1 << 20)) + 1;
+  ny_ = static_cast<int>(std::min<double>(h / cell_, 1 << 20)) + 1;
+
+  // Counting sort of the points into their cells.
+  const int64_t cells = static_cast<int64_t>(nx_) * ny_;
+  cell_start_.assign(cells + 1, 0);
+  std::vector<int64_t> cell_of(n);
+  for (int64_t p = 0; p < n; p++) {
+    const int i = std::min(nx_ - 1, static_cast<int>((x_[p] - x0_) / cell_));
+    const int j = std::min(ny_ - 1, static_cast<int>((y_[p] - y0_) / cell_));
+    cell_of[p] = static_cast<int64_t>(j) * nx_ + i;
+    cell_start_[cell_of[p] + 1]++;
+  }
+  for (int64_t c = 0; c < cells; c++)
+    cell_start_[c + 1] += cell_start_[c];
+  items_.resize(n);
+  std::vector<int64_t> fill(cell_start_.begin(), cell_start_.end() - 1);
+  for (int64_t p = 0; p < n; p++)
+    items_[fill[cell_of[p]]++] = p;
+}
+
+double Height_Interpolator::operator()(double px, double py) const {
+  if (x_.empty())
+    return 0.0;
+  return method_ == all_points ? All_Points(px, py) : Nearest_Four(px, py);
+}
+
+double Height_Interpolator::Nearest_Four(double px, double py) const {
+  const auto clamp_cell = [](double v, int last) {
+    return v <= 0.0 ? 0 : (v >= last ? last : static_cast<int>(v));
+  };
+  const int ci = clamp_cell((px - x0_) / cell_, nx_ - 1);
+  const int cj = clamp_cell((py - y0_) / cell_, ny_ - 1);
+  const int wanted = static_cast<int>(std::min<int64_t>(Nearest_Set::k, size()));
+  Nearest_Set best;
+  const auto visit = [&](int i, int j) {
+    if (i < 0 || j < 0 || i >= nx_ || j >= ny_)
+      return;
+    const int64_t c = static_cast<int64_t>(j) * nx_ + i;
+    for (int64_t q = cell_start_[c]; q < cell_start_[c + 1]; q++) {
+      const int64_t p = items_[q];
+      const double dx = x_[p] - px, dy = y_[p] - py;
+      best.Offer(dx * dx + dy * dy, p);
+    }
+  };
+  // Rings of cells around the position's cell. Every cell outside ring r lies
+  // at least r cells away, so the search ends once the fourth nearest point
+  // is closer than that.
+  const int rmax = std::max(nx_, ny_);
+  for (int r = 0; r <= rmax; r++) {
+    for (int i = ci - r; i <= ci + r; i++) {
+      visit(i, cj - r);
+      if (r > 0)
+        visit(i, cj + r);
+    }
+    for (int j = cj - r + 1; j <= cj + r - 1; j++) {
+      visit(ci - r, j);
+      visit(ci + r, j);
+    }
+    const double reach = r * cell_;
+    if (best.count >= wanted && best.d2[wanted - 1] <= reach * reach)
+      break;
+  }
+  double sw = 0.0, sz = 0.0;
+  for (int m = 0; m < best.count; m++) {
+    const double d = std::sqrt(best.d2[m]);
+    if (d < coincide)
+      return z_[best.index[m]];
+    sw += 1.0 / d;
+    sz += z_[best.index[m]] / d;
+  }
+  return sz / sw;
+}
+
+double Height_Interpolator::All_Points(double px, double py) const {
+  double sw = 0.0, sz = 0.0;
+  const int64_t n = size();
+  for (int64_t p = 0; p < n; p++) {
+    const double dx = x_[p] - px, dy = y_[p] - py;
+    const double d2 = dx * dx + dy * dy;
+    if (d2 < coincide * coincide)
+      return z_[p];
+    sw += 1.0 / d2;
+    sz += z_[p] / d2;
+  }
+  return sz / sw;
+}
