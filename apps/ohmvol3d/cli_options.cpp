@@ -8,8 +8,8 @@
 namespace {
 
 // Options of single subcommands that take a value.
-const char *const valued_named[] = {"-o", "--save", "--model",  "--noise",    "--seed",
-                                    "--vtk", "--format", "--iteration"};
+const char *const valued_named[] = {"-o",     "--save", "--model",  "--noise",
+                                    "--seed", "--vtk",  "--format", "--iteration"};
 // Options of single subcommands that stand alone.
 const char *const flag_named[] = {"--ip"};
 

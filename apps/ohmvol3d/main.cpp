@@ -6,13 +6,13 @@
 
 #include "cli_front_end.h"
 #include "cli_options.h"
-#include "survey/survey.h"
 #include "core/commands.h"
 #include "core/cpu_info.h"
 #include "core/data_set.h"
 #include "core/ivp_file.h"
 #include "core/messages.h"
 #include "core/settings_table.h"
+#include "survey/survey.h"
 
 namespace {
 
@@ -74,15 +74,17 @@ int Run_Read(Data_Set &ds, const Cli_Options &opt) {
 }
 
 // Subcommands whose work is not built yet go through their command ids, so
-// they refuse with the core's own words.
+// they refuse with the core's own words: the data file is read first, then
+// the command that needs it.
 int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
   const std::string &s = opt.subcommand;
-  int id = CMD_READ_DATA;
-  if (s == "export" || s == "plot")
-    id = CMD_READ_RESULTS;
   if (opt.args.empty())
     return Usage_Error(s + " needs a file name");
-  return ds.Run_Command(id, opt.args[0].c_str()) ? 1 : 0;
+  if (s == "export" || s == "plot")
+    return ds.Run_Command(CMD_READ_RESULTS, opt.args[0].c_str()) ? 1 : 0;
+  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
+    return 1;
+  return ds.Run_Command(s == "invert" ? CMD_INVERT : CMD_MESH_SETTINGS) ? 1 : 0;
 }
 
 } // namespace

@@ -129,8 +129,8 @@ void Calculate_Vector_Working_Values(Data_Set &ds, int64_t r) {
   };
   unit(d.p1, d.p2, d.dir1);
   unit(d.p1, d.p3, d.dir2);
-  const double c = std::clamp(static_cast<double>(d.dir1[0] * d.dir2[0] + d.dir1[1] * d.dir2[1]),
-                              -1.0, 1.0);
+  const double c =
+      std::clamp(static_cast<double>(d.dir1[0] * d.dir2[0] + d.dir1[1] * d.dir2[1]), -1.0, 1.0);
   d.angle = std::acos(c);
   d.amplitude = std::sqrt(d.vector_component1 * d.vector_component1 +
                           d.vector_component2 * d.vector_component2);

@@ -394,8 +394,8 @@ int Save_Postive_App_Res_IP(Data_Set &ds, const float *calculated, const float *
   // the limit of valid IP values.
   int dodgy = 0;
   for (int i = 0; i < ds.mdata; i++) {
-    const bool bad = !(calculated[i] > 0.0f) ||
-                     !(std::fabs(calculated_ip[i]) < ds.Data_ip.valid_ip_limit);
+    const bool bad =
+        !(calculated[i] > 0.0f) || !(std::fabs(calculated_ip[i]) < ds.Data_ip.valid_ip_limit);
     ds.keep[i] = bad ? 0 : 1;
     dodgy += bad;
   }

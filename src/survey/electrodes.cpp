@@ -271,8 +271,8 @@ int Scale_Positions(Data_Set &ds) {
     g.ygrid[j] = (g.ygrid[j] - ds.ymin) / ds.spxx;
   ds.grid_extent_x = g.xgrid[g.ngridx - 1];
   ds.grid_extent_y = g.ygrid[g.ngridy - 1];
-  ds.grid_diag = std::sqrt(ds.grid_extent_x * ds.grid_extent_x +
-                           ds.grid_extent_y * ds.grid_extent_y);
+  ds.grid_diag =
+      std::sqrt(ds.grid_extent_x * ds.grid_extent_x + ds.grid_extent_y * ds.grid_extent_y);
   Panel(ds, "Maximum model grid extent is %.2f.", ds.grid_diag * ds.spxx);
   for (int e = 0; e < ds.num_point_elecs; e++) {
     Point_Electrode &p = ds.pe[e];
@@ -307,8 +307,8 @@ int Find_Electrode_Numbers_Points_Only(Data_Set &ds) {
 #pragma omp parallel for schedule(static) reduction(+ : missing)
   for (int i = 0; i < m; i++) {
     if (m > 10000 && omp_get_thread_num() == 0 && i % 128 == 0)
-      Progress_Text(ds, static_cast<double>(i) / m, "Finding Electrode Numbers for Data Point %d/%d  ",
-                    i + 1, m);
+      Progress_Text(ds, static_cast<double>(i) / m,
+                    "Finding Electrode Numbers for Data Point %d/%d  ", i + 1, m);
     Data_Point &d = ds.dp[i];
     d.nc2 = d.np2 = d.np3 = -1;
     For_Each_Electrode(d, vector, [&ds, &missing](double *p, int32_t &number) {

@@ -26,8 +26,9 @@ void Write_Array(Data_Set &ds, FILE *f) {
     const int sub = ds.array2 == 4 ? 2 : ds.array2 == 5 ? 3 : ds.array2;
     std::fprintf(f, "11\n%d\n", sub);
     if (ds.array2 == 16)
-      std::fprintf(f, "Type of measurements (Two component values=0, Apparent resistivity "
-                      "amplitude and resistance ratio=1)\n%d\n",
+      std::fprintf(f,
+                   "Type of measurements (Two component values=0, Apparent resistivity "
+                   "amplitude and resistance ratio=1)\n%d\n",
                    ds.vector_data_type);
     else
       std::fprintf(f, "Type of data (0=Apparent Resistivity,1=Resistance)\n%d\n", ds.resistance);
@@ -160,15 +161,17 @@ void Write_Data_Value(FILE *f, double v) {
 
 void Print_Data(Data_Set &ds, FILE *f) {
   if (ds.ntime > 1) {
-    std::fprintf(f, "Time lapse data\nType of time lapse data (0=static,1=dynamic)\n0\nNumber of "
-                    "time sections\n%d\nTime unit\n%s\n",
+    std::fprintf(f,
+                 "Time lapse data\nType of time lapse data (0=static,1=dynamic)\n0\nNumber of "
+                 "time sections\n%d\nTime unit\n%s\n",
                  ds.ntime, ds.time_unit[0] ? ds.time_unit : "Days");
     for (int k = 1; k < ds.ntime; k++)
       std::fprintf(f, "Time series %d\n%.2f\n", k + 1, ds.time_values[k]);
   }
   if (ds.error_estimate)
-    std::fprintf(f, "Error estimate for data present\nType of error estimate (0=same unit as "
-                    "data)\n%d\n",
+    std::fprintf(f,
+                 "Error estimate for data present\nType of error estimate (0=same unit as "
+                 "data)\n%d\n",
                  ds.type_error);
   for (int i = 0; i < ds.mdata; i++)
     Write_Data_Line(ds, f, i);
@@ -216,7 +219,7 @@ int File_Save(Data_Set &ds, const char *path) {
   Write_Optional_Sections(ds, f);
   std::fprintf(f, "0\n0\n0\n0\n0\n\n\n");
   const int failed = std::ferror(f) != 0;
-  std::fclose(f) ;
+  std::fclose(f);
   TRACE("File_Save %s mdata %d failed %d\n", name.c_str(), ds.mdata, failed);
   return failed;
 }

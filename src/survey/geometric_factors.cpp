@@ -234,9 +234,9 @@ int Set_Error_Vector(Data_Set &ds, float *weights) {
     sum += w;
     lo = r == 0 ? w : std::min(lo, w);
   }
-  const double scale = !ds.error_estimate                        ? 1.0
+  const double scale = !ds.error_estimate                       ? 1.0
                        : ds.Data_filter.type_error_scaling == 0 ? (sum > 0.0 ? n / sum : 1.0)
-                                                                 : (lo > 0.0 ? 1.0 / lo : 1.0);
+                                                                : (lo > 0.0 ? 1.0 / lo : 1.0);
   const bool gfac_weight = ds.Data_filter.use_gfac_weight != 0;
   for (int64_t r = 0; r < n; r++) {
     weights[r] = static_cast<float>(weights[r] * scale);

@@ -8,6 +8,7 @@
 #include "core/data_set.h"
 #include "core/messages.h"
 #include "core/trace.h"
+#include "survey/optional_sections.h"
 #include "survey/survey.h"
 #include "survey/survey_text.h"
 
@@ -23,7 +24,7 @@ inline bool Char_Is(const char *line, int at, char letter) {
 }
 
 inline bool First_Or_Second(const char *line, char letter) {
-  return Char_Is(line, 0, letter) || Char_Is(line, 1, letter);
+  return First_Or_Second_Letter(line, letter);
 }
 
 // Reads n strictly increasing grid lines into v; checks the spacing ratio.
@@ -59,15 +60,24 @@ int Read_Grid_Lines(Data_Set &ds, double *v, int n, char axis, double &smin, dou
 
 const char *Array_Name(int n) {
   switch (n) {
-  case 1: return "Wenner array";
-  case 2: return "Pole-Pole array";
-  case 3: return "Dipole-Dipole array";
-  case 4: return "Wenner Beta converted to Dipole-Dipole array";
-  case 6: return "Pole-dipole array";
-  case 7: return "Wenner-Schlumberger array";
-  case 8: return "Equatorial dipole-dipole array";
-  case 11: return "General array";
-  default: return nullptr;
+  case 1:
+    return "Wenner array";
+  case 2:
+    return "Pole-Pole array";
+  case 3:
+    return "Dipole-Dipole array";
+  case 4:
+    return "Wenner Beta converted to Dipole-Dipole array";
+  case 6:
+    return "Pole-dipole array";
+  case 7:
+    return "Wenner-Schlumberger array";
+  case 8:
+    return "Equatorial dipole-dipole array";
+  case 11:
+    return "General array";
+  default:
+    return nullptr;
   }
 }
 
@@ -467,11 +477,11 @@ int Read_Time_Lapse_Section(Data_Set &ds) {
   read_int(ds.img); // type: static or dynamic
   read_line(ds.img, line);
   const int n = read_int(ds.img);
-  const int nmax = ds.Data_lim_sys.nmax_time < max_time_series ? ds.Data_lim_sys.nmax_time
-                                                               : max_time_series;
+  const int nmax =
+      ds.Data_lim_sys.nmax_time < max_time_series ? ds.Data_lim_sys.nmax_time : max_time_series;
   if (n < 2 || n > nmax)
-    return Refuse(ds, "Time lapse data Error", "Number of time series is %d!\nIt must be between 2 and %d.",
-                  n, nmax);
+    return Refuse(ds, "Time lapse data Error",
+                  "Number of time series is %d!\nIt must be between 2 and %d.", n, nmax);
   read_line(ds.img, line);
   read_line(ds.img, line);
   std::strncpy(ds.time_unit, line, sizeof ds.time_unit - 1);

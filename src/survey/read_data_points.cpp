@@ -22,10 +22,10 @@ constexpr double gfac_zero = 1e-7;
 constexpr uint8_t keep_point = 1, remove_cutoff = 0, remove_infinite = 2;
 
 struct Reading {
-  double cutoff = 0.0;               // K at or below it: geometric factor past the cut-off
-  double sum_log = 0.0;              // sum of log10 apparent resistivities
-  int64_t count_log = 0;             // their count
-  double k_min = 0.0, k_max = 0.0;   // sums of reciprocal distances
+  double cutoff = 0.0;             // K at or below it: geometric factor past the cut-off
+  double sum_log = 0.0;            // sum of log10 apparent resistivities
+  int64_t count_log = 0;           // their count
+  double k_min = 0.0, k_max = 0.0; // sums of reciprocal distances
   int k_count = 0;
   bool series_ip_seen = false;
 };
@@ -85,8 +85,7 @@ int Read_Positions(Data_Set &ds, int i, Data_Point &d) {
 int Read_Value(Data_Set &ds, int i, float &v) {
   const double x = read_real(ds.img);
   if (!(std::fabs(x) <= 1e30))
-    return Refuse(ds, "Data Error", "Data point number %d has an invalid value of %g.\n", i + 1,
-                  x);
+    return Refuse(ds, "Data Error", "Data point number %d has an invalid value of %g.\n", i + 1, x);
   v = static_cast<float>(x);
   return 0;
 }
@@ -283,7 +282,7 @@ int Convert_Resistance(Data_Set &ds, Reading &rd, int i) {
 
 int Locations_Error(Data_Set &ds, int i, bool negative) {
   const Data_Point &d = ds.dp[i];
-  const char *kind = negative        ? "a negative geometric"
+  const char *kind = negative       ? "a negative geometric"
                      : d.nelec == 4 ? "an infinite geometric"
                                     : "a infinite geometric";
   const char *tail = negative ? "\nYou can use the option to 'Automatically\nswitch electrodes' to "
@@ -580,7 +579,8 @@ int Read_Data_Points(Data_Set &ds) {
         "Minimum and maximum distance between current and potential electrode in same array are "
         "%.2f and %.2f.",
         ds.dist_cp_min, ds.dist_cp_max);
-  Panel(ds, "Minimum and maximum distance between any two electrodes in same array are %.2f and %.2f.",
+  Panel(ds,
+        "Minimum and maximum distance between any two electrodes in same array are %.2f and %.2f.",
         ds.dist_2e_min, ds.dist_2e_max);
   Invert_Negative_Values(ds);
   Adjust_Invert_Resistivity_Setting(ds);

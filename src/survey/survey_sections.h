@@ -12,8 +12,8 @@ struct Tank {
 };
 
 struct Topography {
-  int type = 0;       // 0 none; above 0 the section is in force
-  int num_points = 0; // points of the unstructured list
+  int type = 0;            // 0 none; above 0 the section is in force
+  int num_points = 0;      // points of the unstructured list
   int num_elec_points = 0; // electrode positions added after the list for the interpolation
   float *x = nullptr, *y = nullptr, *z = nullptr; // the list, normalised
   int64_t capacity = 0;                           // records of x, y, z
@@ -43,8 +43,8 @@ struct Water_Layer {
   int type_geofac = 0; // as written: 1 surface, 0 exact
   double damp_weight = 1.0;
   double thick_max = 0.0, thick_min = 0.0;
-  double land_max = 0.0; // highest ground above the water (+0.1)
-  int some_above = 0;    // some electrodes stand above the water
+  double land_max = 0.0;   // highest ground above the water (+0.1)
+  int some_above = 0;      // some electrodes stand above the water
   float *bottom = nullptr; // floating survey: bottom elevation per grid node, user units
 };
 
@@ -58,8 +58,8 @@ struct Sharp_Boundary {
   double weight[max_sharp_boundaries + 1] = {};
   double res[max_sharp_boundaries + 1] = {};
   double *x[max_sharp_boundaries] = {}, *y[max_sharp_boundaries] = {},
-         *z[max_sharp_boundaries] = {}; // points, normalised
-  int64_t capacity = 0;                 // points each list holds
+         *z[max_sharp_boundaries] = {};         // points, normalised
+  int64_t capacity = 0;                         // points each list holds
   float *grid_depth[max_sharp_boundaries] = {}; // boundary depth at each grid node, normalised
   double average_depth[max_sharp_boundaries] = {};
 };

@@ -84,12 +84,12 @@ struct Survey_State {
   double res_median = 0.0, res_abs_min = 0.0, res_abs_max = 0.0;
   double res_average = 100.0;
   double resistance_min = 0.0, resistance_max = 0.0, resistance_abs_min = 0.0;
-  double k_min = 0.0, k_max = 0.0; // sums of reciprocal distances
-  double gfac_cutoff_k = 0.0;      // cut-off of K at reading
+  double k_min = 0.0, k_max = 0.0;                       // sums of reciprocal distances
+  double gfac_cutoff_k = 0.0;                            // cut-off of K at reading
   double gfac_min = 0.0, gfac_max = 0.0, gfac_cut = 0.0; // of 1 / gfac; cut-off
   double gfac_range_min = 0.0, gfac_range_max = 0.0;     // |G| in user units
   double gfac_rel_error_average = 0.0;
-  double ip_min = 0.0, ip_max = 0.0;                 // IP extremes seen
+  double ip_min = 0.0, ip_max = 0.0;                  // IP extremes seen
   double ip_allowed_min = -1e7, ip_allowed_max = 1e7; // range of valid IP
   int num_valid_ip = 0;
   int num_valid_ip_series[max_time_series] = {};

@@ -1,5 +1,6 @@
 // The ohmvol3d command line as a user runs it: exit statuses, where output
 // goes, settings files kept between runs, tracing.
+#include <filesystem>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -95,11 +96,32 @@ TEST_F(Cli, UsageErrorsExitTwo) {
   EXPECT_EQ(Run("--version").status, 0);
 }
 
+TEST_F(Cli, ReadReportsAndSavesTheData) {
+  const std::string example = std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat";
+  const Run_Result r = Run("read " + example + " --save out.dat");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Number of data points 198"), std::string::npos);
+  EXPECT_NE(r.err.find("File Read: Reading of file"), std::string::npos);
+  const std::string saved = Slurp(dir + "/out.dat");
+  EXPECT_EQ(saved.rfind("Pole-dipole lines along x", 0), 0u);
+  // What was saved reads back and saves to the same bytes.
+  ASSERT_EQ(Run("read out.dat --save again.dat").status, 0);
+  EXPECT_EQ(saved, Slurp(dir + "/again.dat"));
+  EXPECT_EQ(Run("read").status, 2);
+}
+
 TEST_F(Cli, UnbuiltCommandsRefuseWithStatusOne) {
-  Spit(dir + "/x.dat", "title\n");
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
+                             dir + "/x.dat");
   const Run_Result r = Run("invert x.dat");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("Message: This command is not available yet."), std::string::npos);
+  // A file that is no data file stops at the read.
+  Spit(dir + "/y.dat", "title\n");
+  const Run_Result bad = Run("invert y.dat");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_NE(bad.err.find("File Error: Error in reading file"), std::string::npos);
+  EXPECT_EQ(bad.err.find("not available yet"), std::string::npos);
 }
 
 TEST_F(Cli, SettingsSaveLoadSaveIsStable) {
