@@ -1,6 +1,13 @@
 #!/usr/bin/env bash
 # The main job on the bundled example: for now the program's configuration
-# report and the settings it would invert with.
+# report and the read of an example data file, saved back in the program's
+# own layout.
 set -euo pipefail
 build=${1:-build}
+here=$(cd "$(dirname "$0")/.." && pwd)
+out=$(mktemp -d)
+trap 'rm -rf "$out"' EXIT
 "$build/ohmvol3d" info
+cp "$here/examples/ip_chargeability.dat" "$out/"
+"$build/ohmvol3d" read "$out/ip_chargeability.dat" --save "$out/saved.dat"
+echo "Saved the data read as $out/saved.dat ($(wc -l <"$out/saved.dat") lines)."

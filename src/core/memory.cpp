@@ -9,6 +9,15 @@
 #include "core/messages.h"
 #include "core/trace.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define OHMVOL3D_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define OHMVOL3D_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define OHMVOL3D_POISON(p, n) ((void)(p), (void)(n))
+#define OHMVOL3D_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 namespace {
 
 // Each block carries one page in front of it that records its length.
@@ -31,7 +40,11 @@ void *Allocate_Block(int64_t bytes) {
   int64_t *head = static_cast<int64_t *>(base);
   head[0] = len;
   head[1] = bytes;
-  return static_cast<char *>(base) + page;
+  // Under the address sanitizer the bytes between the block's end and its
+  // last page's end are out of bounds.
+  char *p = static_cast<char *>(base) + page;
+  OHMVOL3D_POISON(p + bytes, len - page - bytes);
+  return p;
 }
 
 void Free_Block(void *p) {
@@ -39,6 +52,7 @@ void Free_Block(void *p) {
     return;
   char *base = static_cast<char *>(p) - Page();
   const int64_t len = reinterpret_cast<int64_t *>(base)[0];
+  OHMVOL3D_UNPOISON(base, len);
   munmap(base, static_cast<size_t>(len));
 }
 

@@ -19,9 +19,6 @@ inline int Upper(char c) {
 }
 
 // Letter test of a peeked line: character `at` (from 0) is `letter`, any case.
-inline bool Char_Is(const char *line, int at, char letter) {
-  return static_cast<int>(std::strlen(line)) > at && Upper(line[at]) == Upper(letter);
-}
 
 inline bool First_Or_Second(const char *line, char letter) {
   return First_Or_Second_Letter(line, letter);

@@ -8,8 +8,14 @@
 
 namespace {
 
-void Format_Message(Data_Set &ds, const char *format, va_list ap) {
+// Formats into the message scratch and shows it: always, or unless `quiet`.
+void Show_Formatted(Data_Set &ds, const char *title, bool always, const char *format,
+                    va_list ap) {
   std::vsnprintf(ds.mesg, sizeof ds.mesg, format, ap);
+  if (always)
+    show_message(ds, ds.mesg, title);
+  else
+    show_check_message(ds, ds.mesg, title);
 }
 
 } // namespace
@@ -17,27 +23,24 @@ void Format_Message(Data_Set &ds, const char *format, va_list ap) {
 int Refuse(Data_Set &ds, const char *title, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
-  Format_Message(ds, format, ap);
+  Show_Formatted(ds, title, false, format, ap);
   va_end(ap);
-  show_check_message(ds, ds.mesg, title);
   return 1;
 }
 
 int Refuse_Always(Data_Set &ds, const char *title, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
-  Format_Message(ds, format, ap);
+  Show_Formatted(ds, title, true, format, ap);
   va_end(ap);
-  show_message(ds, ds.mesg, title);
   return 1;
 }
 
 void Warn(Data_Set &ds, const char *title, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
-  Format_Message(ds, format, ap);
+  Show_Formatted(ds, title, false, format, ap);
   va_end(ap);
-  show_check_message(ds, ds.mesg, title);
 }
 
 void Panel(Data_Set &ds, const char *format, ...) {
