@@ -33,7 +33,9 @@ inline bool Key_Less(const Key3 &a, const Key3 &b) {
 inline int64_t Key_Of(double v, double origin) {
   const float f = static_cast<float>(v - origin);
   const double k = std::round(static_cast<double>(f) * 1000.0);
-  return std::isfinite(k) && std::fabs(k) < 4e18 ? static_cast<int64_t>(k) : INT64_MAX;
+  // Kept within +-4e18 so that neighbour keys and ranges cannot overflow.
+  constexpr double limit = 4e18;
+  return static_cast<int64_t>(std::isfinite(k) ? std::clamp(k, -limit, limit) : limit);
 }
 
 Key3 Position_Key(const Data_Set &ds, double x, double y, double depth) {

@@ -28,6 +28,15 @@ struct Nearest_Set {
 
 } // namespace
 
+namespace {
+
+// Cell of a coordinate along one side, from 0 to `last` (NaN gives 0).
+int Clamp_Cell(double v, int last) {
+  return !(v > 0.0) ? 0 : (v >= last ? last : static_cast<int>(v));
+}
+
+} // namespace
+
 void Height_Interpolator::Build_Buckets() {
   const int64_t n = size();
   cell_start_.assign(2, 0);
@@ -47,14 +56,19 @@ void Height_Interpolator::Build_Buckets() {
   cell_ = std::sqrt(area / std::max<double>(1.0, 0.5 * static_cast<double>(n)));
   nx_ = static_cast<int>(std::min<double>(w / cell_, 1 << 20)) + 1;
   ny_ = static_cast<int>(std::min<double>(h / cell_, 1 << 20)) + 1;
+  if (!(std::isfinite(w) && std::isfinite(h) && cell_ > 0.0 && std::isfinite(cell_))) {
+    // Points so far apart that their spread overflows: one cell holds all.
+    nx_ = ny_ = 1;
+    cell_ = 1.0;
+  }
 
   // Counting sort of the points into their cells.
   const int64_t cells = static_cast<int64_t>(nx_) * ny_;
   cell_start_.assign(cells + 1, 0);
   std::vector<int64_t> cell_of(n);
   for (int64_t p = 0; p < n; p++) {
-    const int i = std::min(nx_ - 1, static_cast<int>((x_[p] - x0_) / cell_));
-    const int j = std::min(ny_ - 1, static_cast<int>((y_[p] - y0_) / cell_));
+    const int i = Clamp_Cell((x_[p] - x0_) / cell_, nx_ - 1);
+    const int j = Clamp_Cell((y_[p] - y0_) / cell_, ny_ - 1);
     cell_of[p] = static_cast<int64_t>(j) * nx_ + i;
     cell_start_[cell_of[p] + 1]++;
   }
@@ -73,11 +87,8 @@ double Height_Interpolator::operator()(double px, double py) const {
 }
 
 double Height_Interpolator::Nearest_Four(double px, double py) const {
-  const auto clamp_cell = [](double v, int last) {
-    return v <= 0.0 ? 0 : (v >= last ? last : static_cast<int>(v));
-  };
-  const int ci = clamp_cell((px - x0_) / cell_, nx_ - 1);
-  const int cj = clamp_cell((py - y0_) / cell_, ny_ - 1);
+  const int ci = Clamp_Cell((px - x0_) / cell_, nx_ - 1);
+  const int cj = Clamp_Cell((py - y0_) / cell_, ny_ - 1);
   const int wanted = static_cast<int>(std::min<int64_t>(Nearest_Set::k, size()));
   Nearest_Set best;
   const auto visit = [&](int i, int j) {
