@@ -89,7 +89,7 @@ int Calculate_Geometric_Factors(Data_Set &ds) {
     double rel = 0.0;
     const double k = Surface_K(ds, d, rel);
     d.gfac = k / two_pi;
-    d.gfac_rel_error = static_cast<float>(rel);
+    d.gfac_rel_error = static_cast<float>(std::min(rel, 1e30));
     sum += rel;
     for (int s = 1; s < ds.ntime; s++) {
       Data_Point &dk = ds.dp[Record_Index(ds, s, i)];

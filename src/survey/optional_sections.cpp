@@ -219,17 +219,17 @@ int Check_Fixed_Regions(Data_Set &ds) {
       std::swap(x1, x2);
     if (y1 > y2)
       std::swap(y1, y2);
-    f.x1[r] = static_cast<float>(x1);
-    f.x2[r] = static_cast<float>(x2);
-    f.y1[r] = static_cast<float>(y1);
-    f.y2[r] = static_cast<float>(y2);
-    f.z1[r] = static_cast<float>(z1 < 0.0 ? 0.0 : z1);
-    f.z2[r] = static_cast<float>(std::fabs(z2));
+    f.x1[r] = To_Float(x1);
+    f.x2[r] = To_Float(x2);
+    f.y1[r] = To_Float(y1);
+    f.y2[r] = To_Float(y2);
+    f.z1[r] = To_Float(z1 < 0.0 ? 0.0 : z1);
+    f.z2[r] = To_Float(std::fabs(z2));
     const double res = read_real(ds.img);
-    f.ip[r] = ip ? static_cast<float>(read_real(ds.img) / 1000.0) : 0.0f;
+    f.ip[r] = ip ? To_Float(read_real(ds.img) / 1000.0) : 0.0f;
     const double weight = read_real(ds.img);
-    f.res[r] = static_cast<float>(std::clamp(res, 0.01, 100000.0));
-    f.weight[r] = static_cast<float>(std::clamp(weight, 1.0, 100000.0));
+    f.res[r] = To_Float(std::clamp(res, 0.01, 100000.0));
+    f.weight[r] = To_Float(std::clamp(weight, 1.0, 100000.0));
     if (r < 5) {
       if (ip)
         Panel(ds, "Fixed region %d : Resistivity %.3f   IP %.1f   Weight %.1f", r + 1, f.res[r],
@@ -261,7 +261,7 @@ int Read_Floating_Bottom(Data_Set &ds) {
       k--;
     return k;
   };
-  std::fill(w.bottom, w.bottom + nodes, static_cast<float>(w.elevation));
+  std::fill(w.bottom, w.bottom + nodes, To_Float(w.elevation));
   w.thick_min = 1e30;
   w.thick_max = 0.0;
   for (int k = 0; k < nodes; k++) {
@@ -274,7 +274,7 @@ int Read_Floating_Bottom(Data_Set &ds) {
                     x, y, bottom, w.elevation);
     const int i = nearest_line(g.xgrid, g.ngridx, Normal_X(ds, x));
     const int j = nearest_line(g.ygrid, g.ngridy, Normal_Y(ds, y));
-    w.bottom[i + j * g.ngridx] = static_cast<float>(bottom);
+    w.bottom[i + j * g.ngridx] = To_Float(bottom);
     const double thick = w.elevation - bottom;
     w.thick_min = std::min(w.thick_min, thick);
     w.thick_max = std::max(w.thick_max, thick);
@@ -295,7 +295,7 @@ int Read_Floating_Bottom(Data_Set &ds) {
     s.x[0][k] = g.xgrid[k % g.ngridx];
     s.y[0][k] = g.ygrid[k / g.ngridx];
     s.z[0][k] = depth;
-    s.grid_depth[0][k] = static_cast<float>(depth);
+    s.grid_depth[0][k] = To_Float(depth);
     sum += depth;
   }
   s.average_depth[0] = nodes > 0 ? sum / nodes : 0.0;
@@ -406,7 +406,7 @@ double Boundary_Depths_At_Grid(Data_Set &ds, int b) {
   double sum = 0.0;
 #pragma omp parallel for reduction(+ : sum) schedule(dynamic, 64)
   for (int k = 0; k < nodes; k++) {
-    out[k] = static_cast<float>(depth_at(g.xgrid[k % g.ngridx], g.ygrid[k / g.ngridx]));
+    out[k] = To_Float(depth_at(g.xgrid[k % g.ngridx], g.ygrid[k / g.ngridx]));
     sum += out[k];
   }
   return nodes > 0 ? sum / nodes : 0.0;
@@ -431,11 +431,14 @@ int Read_Boundary_Points(Data_Set &ds, int b, int mode) {
     s.x[b][k] = Normal_X(ds, read_real(ds.img));
     s.y[b][k] = Normal_Y(ds, read_real(ds.img));
     s.z[b][k] = read_real(ds.img) / ds.spxx;
+    if (!(std::fabs(s.x[b][k]) < 1e9 && std::fabs(s.y[b][k]) < 1e9 && std::fabs(s.z[b][k]) < 1e9))
+      return Refuse(ds, "Error Message", "Point %d of boundary %d has an invalid position.", k + 1,
+                    b + 1);
   }
   if (mode != 0) {
     double sum = 0.0;
     for (int k = 0; k < n; k++) {
-      s.grid_depth[b][k] = static_cast<float>(s.z[b][k]);
+      s.grid_depth[b][k] = To_Float(s.z[b][k]);
       sum += s.z[b][k];
     }
     s.average_depth[b] = n > 0 ? sum / n : 0.0;

@@ -48,3 +48,10 @@ void Local_To_Global(const Global_Coords &g, double x, double y, double &gx, dou
 // Interpolates one sharp boundary from its points onto every surface grid
 // node (grid_depth) and returns the average depth over the nodes, normalised.
 double Boundary_Depths_At_Grid(Data_Set &ds, int boundary);
+
+// A double as a float, saturated at the float range (a cast of a value
+// beyond it is undefined).
+inline float To_Float(double v) {
+  constexpr double big = 3.4e38;
+  return static_cast<float>(v > big ? big : v < -big ? -big : v);
+}

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "core/data_set.h"
@@ -481,8 +482,7 @@ int Read_Time_Lapse_Section(Data_Set &ds) {
                   "Number of time series is %d!\nIt must be between 2 and %d.", n, nmax);
   read_line(ds.img, line);
   read_line(ds.img, line);
-  std::strncpy(ds.time_unit, line, sizeof ds.time_unit - 1);
-  ds.time_unit[sizeof ds.time_unit - 1] = 0;
+  std::snprintf(ds.time_unit, sizeof ds.time_unit, "%.63s", line);
   for (int k = 1; k < n; k++) {
     read_line(ds.img, line);
     ds.time_values[k] = read_real(ds.img);

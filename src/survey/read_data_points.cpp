@@ -44,6 +44,27 @@ void Read_Position(Data_Set &ds, double *p) {
   p[2] = ds.depth_present ? read_real(ds.img) : 0.0;
 }
 
+// Number (from 1, in the order of the line) of the first electrode of the
+// point outside the grid or with a depth that is not a number of meters;
+// 0 when all are in. A millimetre is allowed on every side: positions that
+// close to a grid line are that line's electrode.
+int Electrode_Outside_Grid(const Data_Set &ds, const Data_Point &d) {
+  const double *e[5] = {d.c1, d.c2, d.p1, d.p2, d.p3};
+  const bool used[5] = {true, d.nelec == 4, true, d.nelec > 2, ds.array2 == 16};
+  int number = 0;
+  for (int k = 0; k < 5; k++) {
+    if (!used[k])
+      continue;
+    number++;
+    const double *p = e[k];
+    constexpr double tol = 0.001;
+    if (!(p[0] >= ds.xmin - tol && p[0] <= ds.xmax + tol && p[1] >= ds.ymin - tol &&
+          p[1] <= ds.ymax + tol && std::fabs(p[2]) < 1e7))
+      return number;
+  }
+  return 0;
+}
+
 int Read_Positions(Data_Set &ds, int i, Data_Point &d) {
   int ne = Electrodes_Of_Array(ds);
   if (ds.array == 11) {
@@ -68,6 +89,11 @@ int Read_Positions(Data_Set &ds, int i, Data_Point &d) {
     Read_Position(ds, d.p2);
   if (Is_Vector(ds))
     Read_Position(ds, d.p3);
+  if (const int bad = Electrode_Outside_Grid(ds, d))
+    return Refuse(ds, "Data Error",
+                  "Error in data point %d!\nElectrode %d is outside the model grid.\nThe x "
+                  "limits are %.3f to %.3f and the y limits are %.3f to %.3f.",
+                  i + 1, bad, ds.xmin, ds.xmax, ds.ymin, ds.ymax);
   if (ne == 4 && Same_Place(d.c1, d.c2))
     return Refuse_Always(ds, "Data Error",
                          "Error in data point %d!\nThe C1 and C2 electrodes have the same "
@@ -132,7 +158,7 @@ void Read_IP(Data_Set &ds, float resistivity, float &ip, float &err) {
     }
   }
   ip = static_cast<float>(m);
-  err = static_cast<float>(std::isfinite(e) ? e : 0.0);
+  err = static_cast<float>(std::isfinite(e) ? std::min(e, 1e30) : 0.0);
 }
 
 // Values, errors, later series, IP and a given geometric factor of point i.

@@ -54,9 +54,10 @@ void Height_Interpolator::Build_Buckets() {
   // narrow but non-zero side so the cell size stays finite.
   const double area = std::max(w, 1e-3 * extent) * std::max(h, 1e-3 * extent);
   cell_ = std::sqrt(area / std::max<double>(1.0, 0.5 * static_cast<double>(n)));
-  nx_ = static_cast<int>(std::min<double>(w / cell_, 1 << 20)) + 1;
-  ny_ = static_cast<int>(std::min<double>(h / cell_, 1 << 20)) + 1;
-  if (!(std::isfinite(w) && std::isfinite(h) && cell_ > 0.0 && std::isfinite(cell_))) {
+  if (std::isfinite(w) && std::isfinite(h) && cell_ > 0.0 && std::isfinite(cell_)) {
+    nx_ = Clamp_Cell(w / cell_, 1 << 20) + 1;
+    ny_ = Clamp_Cell(h / cell_, 1 << 20) + 1;
+  } else {
     // Points so far apart that their spread overflows: one cell holds all.
     nx_ = ny_ = 1;
     cell_ = 1.0;

@@ -9,8 +9,7 @@
 namespace {
 
 // Formats into the message scratch and shows it: always, or unless `quiet`.
-void Show_Formatted(Data_Set &ds, const char *title, bool always, const char *format,
-                    va_list ap) {
+void Show_Formatted(Data_Set &ds, const char *title, bool always, const char *format, va_list ap) {
   std::vsnprintf(ds.mesg, sizeof ds.mesg, format, ap);
   if (always)
     show_message(ds, ds.mesg, title);

@@ -54,9 +54,21 @@ int Read_Topography_List(Data_Set &ds) {
   progress(ds, "Reading topography in unstructured list", 0.0);
   for (int k = 0; k < n; k++) {
     read_int(ds.img); // the index
-    t.x[k] = static_cast<float>(Normal_X(ds, read_real(ds.img)));
-    t.y[k] = static_cast<float>(Normal_Y(ds, read_real(ds.img)));
-    t.z[k] = static_cast<float>(read_real(ds.img) / ds.spxx);
+    const double x = read_real(ds.img), y = read_real(ds.img), z = read_real(ds.img);
+    // Elevations follow the electrodes' rule; a point more than a million
+    // grid spacings away is a typing error, not ground.
+    if (!(z <= 10000.0 && z >= -1000.0))
+      return Refuse(ds, "Data Error",
+                    "Topography data point %d has\nan elevation of %.1f meters!\nThis is "
+                    "probably an error!",
+                    k + 1, z);
+    if (!(std::fabs(Normal_X(ds, x)) < 1e6 && std::fabs(Normal_Y(ds, y)) < 1e6))
+      return Refuse(ds, "Data Error",
+                    "Topography data point %d at %.2f,%.2f is far outside the model grid.", k + 1,
+                    x, y);
+    t.x[k] = To_Float(Normal_X(ds, x));
+    t.y[k] = To_Float(Normal_Y(ds, y));
+    t.z[k] = To_Float(z / ds.spxx);
   }
   t.num_points = n;
   progress(ds, "Topography in unstructured list read", 1.0);
@@ -78,9 +90,9 @@ void Add_Electrode_Points(Data_Set &ds) {
     first = false;
     last_x = p.x;
     last_y = p.y;
-    t.x[m] = static_cast<float>(p.x);
-    t.y[m] = static_cast<float>(p.y);
-    t.z[m] = static_cast<float>(p.z);
+    t.x[m] = To_Float(p.x);
+    t.y[m] = To_Float(p.y);
+    t.z[m] = To_Float(p.z);
     m++;
   }
   t.num_elec_points = static_cast<int>(m - t.num_points);
@@ -118,7 +130,7 @@ void Interpolate_Grid_Heights(Data_Set &ds, bool from_list) {
     float *row = t.grid_z + static_cast<int64_t>(j) * g.ngridx;
 #pragma omp parallel for schedule(dynamic, 16)
     for (int i = 0; i < g.ngridx; i++)
-      row[i] = static_cast<float>(height(g.xgrid[i], g.ygrid[j]));
+      row[i] = To_Float(height(g.xgrid[i], g.ygrid[j]));
   }
   const int nodes = Grid_Node_Count(ds);
   double sum = 0.0, lo = t.grid_z[0], hi = t.grid_z[0];

@@ -331,6 +331,28 @@ TEST_F(Survey_Read, PointsPastTheGeometricFactorCutOffAreRemoved) {
   EXPECT_EQ(ds->mdata, 150);
 }
 
+TEST_F(Survey_Read, DataElectrodesOutsideTheGridAreRefused) {
+  std::string text = Read_File(Example("grid_pole_dipole.dat"));
+  const size_t count = text.find("\n198\n");
+  ASSERT_NE(count, std::string::npos);
+  // C1 of the first point. (A line that begins "1e" would be taken for the
+  // error estimate section's caption.)
+  for (const char *far : {"30.000 0.000", "0.000 1e999"}) {
+    SCOPED_TRACE(far);
+    std::string t = text;
+    t.replace(t.find("0.000 0.000", count), 11, far);
+    const std::string path = tmp.sub("far.dat");
+    Write_File(path, t);
+    rec.Clear();
+    EXPECT_NE(Read(path), 0);
+    EXPECT_EQ(ds->mdata, 0);
+    const Recorded_Message *m = rec.Last("Data Error");
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->text, "Error in data point 1!\nElectrode 1 is outside the model grid.\nThe x "
+                       "limits are 0.000 to 18.000 and the y limits are 0.000 to 10.000.");
+  }
+}
+
 TEST_F(Survey_Read, CancelledChooserChangesNothing) {
   ASSERT_EQ(Read(Example("grid_pole_dipole.dat")), 0);
   const int m = ds->mdata;
