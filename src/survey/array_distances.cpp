@@ -32,6 +32,17 @@ int Point_Electrodes(const Data_Point &d, bool vector, const double *e[5], bool 
   return n;
 }
 
+// Calls f(distance, one of them is a current and the other a potential
+// electrode) for every pair of electrodes of point d.
+template <class F> void For_Each_Pair(const Data_Point &d, bool vector, F f) {
+  const double *e[5];
+  bool current[5];
+  const int n = Point_Electrodes(d, vector, e, current);
+  for (int a = 0; a < n; a++)
+    for (int b = a + 1; b < n; b++)
+      f(Distance(e[a], e[b]), current[a] != current[b]);
+}
+
 } // namespace
 
 int Find_Distance_Array_Electrodes(Data_Set &ds) {
@@ -45,24 +56,18 @@ int Find_Distance_Array_Electrodes(Data_Set &ds) {
     double tcp_min = inf, tcp_max = 0.0, te_min = inf, te_max = 0.0;
     int tpoint = 0;
 #pragma omp for schedule(static) nowait
-    for (int i = 0; i < m; i++) {
-      const double *e[5];
-      bool current[5];
-      const int n = Point_Electrodes(ds.dp[i], vector, e, current);
-      for (int a = 0; a < n; a++)
-        for (int b = a + 1; b < n; b++) {
-          const double r = Distance(e[a], e[b]);
-          if (current[a] != current[b]) {
-            tcp_min = std::min(tcp_min, r);
-            tcp_max = std::max(tcp_max, r);
-          }
-          te_min = std::min(te_min, r);
-          if (r > te_max) {
-            te_max = r;
-            tpoint = i;
-          }
+    for (int i = 0; i < m; i++)
+      For_Each_Pair(ds.dp[i], vector, [&](double r, bool cp) {
+        if (cp) {
+          tcp_min = std::min(tcp_min, r);
+          tcp_max = std::max(tcp_max, r);
         }
-    }
+        te_min = std::min(te_min, r);
+        if (r > te_max) {
+          te_max = r;
+          tpoint = i;
+        }
+      });
 #pragma omp critical
     {
       cp_min = std::min(cp_min, tcp_min);
@@ -85,16 +90,8 @@ int Find_Distance_Array_Electrodes(Data_Set &ds) {
 void Calculate_Minimum_Electrode_Separation(Data_Set &ds) {
   const bool vector = ds.array2 == 16;
   double best = 10000.0;
-  for (int i = 0; i < ds.mdata; i++) {
-    const double *e[5];
-    bool current[5];
-    const int n = Point_Electrodes(ds.dp[i], vector, e, current);
-    for (int a = 0; a < n; a++)
-      for (int b = a + 1; b < n; b++) {
-        const double r = Distance(e[a], e[b]);
-        best = std::min(best, r * r);
-      }
-  }
+  for (int i = 0; i < ds.mdata; i++)
+    For_Each_Pair(ds.dp[i], vector, [&best](double r, bool) { best = std::min(best, r * r); });
   ds.min_elec_sep = std::sqrt(best);
 }
 
