@@ -213,7 +213,8 @@ int Sort_Point_Electrodes(Data_Set &ds) {
   for (int e = 0; e < n; e++)
     ds.pe_work[e] = ds.pe[ds.key_index[e]];
   std::memcpy(static_cast<void *>(ds.pe), ds.pe_work, sizeof(Point_Electrode) * n);
-  Build_Keys(ds, n);
+  // The key tables now describe the old order; every user builds its own.
+  ds.num_keyed = 0;
   ds.pe_sorted = 1;
   return 0;
 }
