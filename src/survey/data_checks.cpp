@@ -255,14 +255,11 @@ int Check_Repeated_Data(Data_Set &ds) {
   char path[2048];
   Derived_File_Name(ds.file_names.data_file.c_str(), "_unique.dat", path, sizeof path);
   Consolidate_Repeats(ds);
-  if (File_Save(ds, path) == 0) {
-    char text[2048 + 256];
-    std::snprintf(text, sizeof text,
-                  "The new data set was saved in the file\n%s\nThis data set has %d data "
-                  "points.\nTo make use of this new data file, you must read this file.",
-                  path, ds.mdata);
-    show_message(ds, text, "Message", MK_INFORMATION);
-  }
+  if (File_Save(ds, path) == 0)
+    Show_Text(ds, "Message", MK_INFORMATION,
+              "The new data set was saved in the file\n%s\nThis data set has %d data "
+              "points.\nTo make use of this new data file, you must read this file.",
+              path, ds.mdata);
   ds.mdata = 0;
   return 0;
 }
@@ -353,11 +350,8 @@ void Save_Trimmed(Data_Set &ds) {
   std::memcpy(static_cast<void *>(ds.dp), saved.data(), sizeof(Data_Point) * saved.size());
   std::memcpy(ds.keep, keep.data(), keep.size());
   ds.mdata = m;
-  if (ierr == 0) {
-    char text[2048 + 64];
-    std::snprintf(text, sizeof text, "Trimmed data set saved in\n%s file.", path);
-    show_message(ds, text, "Message", MK_INFORMATION);
-  }
+  if (ierr == 0)
+    Show_Text(ds, "Message", MK_INFORMATION, "Trimmed data set saved in\n%s file.", path);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "core/trace.h"
 #include "modes/ip_units.h"
 #include "survey/survey.h"
+#include "survey/survey_text.h"
 
 namespace {
 
@@ -193,10 +194,7 @@ int File_Save(Data_Set &ds, const char *path) {
     name += ".dat";
   FILE *f = std::fopen(name.c_str(), "w");
   if (!f) {
-    char text[2048 + 32];
-    std::snprintf(text, sizeof text, "Cannot create the file\n%s", name.c_str());
-    show_message(ds, text, "Message");
-    return 1;
+    return Show_Text(ds, "Message", MK_WARNING, "Cannot create the file\n%s", name.c_str());
   }
   const Model_Grid &g = ds.Model_grid;
   std::fprintf(f, "%s\n", ds.title);

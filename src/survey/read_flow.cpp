@@ -10,16 +10,9 @@
 #include "core/settings_snapshot.h"
 #include "core/trace.h"
 #include "survey/survey.h"
+#include "survey/survey_text.h"
 
 namespace {
-
-int File_Message(Data_Set &ds, const char *format, const char *path, const char *title,
-                 int kind = MK_WARNING) {
-  char text[2048 + 512];
-  std::snprintf(text, sizeof text, format, path);
-  show_message(ds, text, title, kind);
-  return 1;
-}
 
 // The whole file into a buffer of size + 1 bytes.
 int Load_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buffer) {
@@ -28,16 +21,16 @@ int Load_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buffer) {
   if (!f || fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
     if (f)
       std::fclose(f);
-    return File_Message(ds, "There is a problem in reading the following file\n%s", path,
-                        "File Error");
+    return Show_Text(ds, "File Error", MK_WARNING,
+                     "There is a problem in reading the following file\n%s", path);
   }
   const size_t size = static_cast<size_t>(st.st_size);
   buffer.reset(new (std::nothrow) char[size + 1]);
   const bool ok = buffer && std::fread(buffer.get(), 1, size, f) == size;
   std::fclose(f);
   if (!ok)
-    return File_Message(ds, "There is a problem in reading the following file\n%s", path,
-                        "File Error");
+    return Show_Text(ds, "File Error", MK_WARNING,
+                     "There is a problem in reading the following file\n%s", path);
   buffer[size] = 0;
   ds.img = Text_Image();
   ds.img.buf = buffer.get();
@@ -83,25 +76,23 @@ int Save_New_Data_File(Data_Set &ds) {
   if (ierr)
     return 1;
   if (!ds.pe_converted) {
-    File_Message(ds, "Sorted data file saved in\n%s\n", path, "Data File", MK_INFORMATION);
+    Show_Text(ds, "Data File", MK_INFORMATION, "Sorted data file saved in\n%s\n", path);
     return 0;
   }
   if (ds.grid_extend) {
-    File_Message(ds,
-                 "Model cell with 4 nodes at edge of grid.\nSaving the data into a new file with "
-                 "extended model grid\n%s\nIt is recommeded that you read this new file and select "
-                 "the semi-structured grid method. The computer might not have sufficient memory "
-                 "for the simple rectangular mesh.",
-                 path, "File extended grid modification", MK_INFORMATION);
+    Show_Text(ds, "File extended grid modification", MK_INFORMATION,
+              "Model cell with 4 nodes at edge of grid.\nSaving the data into a new file with "
+              "extended model grid\n%s\nIt is recommeded that you read this new file and select "
+              "the semi-structured grid method. The computer might not have sufficient memory "
+              "for the simple rectangular mesh.",
+              path);
     return 0;
   }
-  char text[2048 + 512];
-  std::snprintf(text, sizeof text,
-                "Data file in point electrodes format saved in\n%s\nThe original file had %d "
-                "missing point electrodes.\nYou need to read in this new sorted file to carry out "
-                "the inversion.",
-                path, ds.missing_electrodes);
-  show_message(ds, text, "Data File", MK_INFORMATION);
+  Show_Text(ds, "Data File", MK_INFORMATION,
+            "Data file in point electrodes format saved in\n%s\nThe original file had %d "
+            "missing point electrodes.\nYou need to read in this new sorted file to carry out "
+            "the inversion.",
+            path, ds.missing_electrodes);
   ds.mdata = 0;
   return 1;
 }
@@ -119,14 +110,14 @@ int Call_Read_Data_File(Data_Set &ds, const char *path) {
   Settings_Snapshot before;
   before.Take(ds);
   if (Parse_Data_File(ds)) {
-    File_Message(ds, "Error in reading file %s\n", path, "File Error");
+    Show_Text(ds, "File Error", MK_WARNING, "Error in reading file %s\n", path);
     ds.mdata = 0;
     before.Restore(ds);
     ds.img = Text_Image();
     return 1;
   }
   ds.img = Text_Image();
-  File_Message(ds, "Reading of file %s completed\n", path, "File Read");
+  Show_Text(ds, "File Read", MK_WARNING, "Reading of file %s completed\n", path);
   Electrodes_Per_Point(ds);
   int failed = 0;
   if (ds.mdata > 0 &&

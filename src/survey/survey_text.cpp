@@ -42,6 +42,16 @@ void Warn(Data_Set &ds, const char *title, const char *format, ...) {
   va_end(ap);
 }
 
+int Show_Text(Data_Set &ds, const char *title, int kind, const char *format, ...) {
+  char text[4096];
+  va_list ap;
+  va_start(ap, format);
+  std::vsnprintf(text, sizeof text, format, ap);
+  va_end(ap);
+  show_message(ds, text, title, kind);
+  return 1;
+}
+
 void Panel(Data_Set &ds, const char *format, ...) {
   char line[1024];
   va_list ap;

@@ -13,6 +13,10 @@ int Refuse_Always(Data_Set &ds, const char *title, const char *format, ...)
 // A check's warning: shows the message (unless `quiet`); the read goes on.
 void Warn(Data_Set &ds, const char *title, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
+// A message of the given kind whose text may hold a file name (a larger
+// buffer than the message scratch); returns 1.
+int Show_Text(Data_Set &ds, const char *title, int kind, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
 // One panel line.
 void Panel(Data_Set &ds, const char *format, ...) __attribute__((format(printf, 2, 3)));
 // Progress with a formatted status text.
