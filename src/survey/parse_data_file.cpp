@@ -114,6 +114,9 @@ int Parse_Data_File(Data_Set &ds) {
   if (Sort_Data_Set(ds))
     return 1;
   Calculate_Geometric_Factors(ds);
+  // Every point has its factor from here on (apparent resistivity data got
+  // theirs just now), so the working factors are taken once, here.
+  Calculate_Geometric_Factor_Relative_Error_Arrays(ds, ds.spxx);
   Check_Pseudodepths(ds);
   if (!ds.elec_list_incomplete)
     Check_Electrodes_Usage(ds);

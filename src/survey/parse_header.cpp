@@ -106,9 +106,7 @@ int Sub_Array_Code(int s, const char *&name) {
 
 // Keeps at most ip_text_max characters of a line.
 void Keep_Text(char *dst, const char *line) {
-  const size_t n = std::min(std::strlen(line), static_cast<size_t>(ip_text_max));
-  std::memcpy(dst, line, n);
-  dst[n] = 0;
+  std::snprintf(dst, ip_text_max + 1, "%.*s", ip_text_max, line);
 }
 
 } // namespace

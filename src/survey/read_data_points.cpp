@@ -597,7 +597,6 @@ int Read_Data_Points(Data_Set &ds) {
   Calculate_Minimum_Electrode_Separation(ds);
   Relative_Errors(ds);
   Classify_Arrays(ds);
-  Calculate_Geometric_Factor_Relative_Error_Arrays(ds, ds.spxx);
   if (ds.error_estimate)
     Panel(ds, "Average data noise level is %.3f percent", ds.noise_average * 100.0);
   Find_Distance_Array_Electrodes(ds);

@@ -136,6 +136,7 @@ TEST_F(Survey_Read, GeometricFactorsAreThoseOfTheArrays) {
     const double expected = M_PI * n * (n + 1) * (n + 2) * a;
     ASSERT_NEAR(ds->spxx / d.gfac, expected, 1e-4 * expected) << "point " << i;
     EXPECT_GT(d.gfac_rel_error, 0.0f);
+    EXPECT_DOUBLE_EQ(d.work[0], ds->spxx / d.gfac); // the working factor in user units
   }
   ASSERT_EQ(Read(Example("grid_pole_dipole.dat")), 0);
   for (int i = 0; i < ds->mdata; i++) {
