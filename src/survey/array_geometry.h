@@ -30,24 +30,25 @@ inline double Image_Term(const double *a, const double *b) {
   return (r > 0.0 ? 1.0 / r : 0.0) + (ri > 0.0 ? 1.0 / ri : 0.0);
 }
 
-// K of the surface form: 1/r(C1,P1) - 1/r(C1,P2) - 1/r(C2,P1) + 1/r(C2,P2).
-inline double Sum_Reciprocal_Horizontal(const Data_Point &d) {
-  double k = Reciprocal_Horizontal(d.c1, d.p1);
+// term(C1,P1) - term(C1,P2) - term(C2,P1) + term(C2,P2), over the pairs the
+// point has.
+template <class Term> double Sum_Pair_Terms(const Data_Point &d, Term term) {
+  double k = term(d.c1, d.p1);
   if (d.nelec > 2)
-    k -= Reciprocal_Horizontal(d.c1, d.p2);
+    k -= term(d.c1, d.p2);
   if (d.nelec == 4)
-    k += Reciprocal_Horizontal(d.c2, d.p2) - Reciprocal_Horizontal(d.c2, d.p1);
+    k += term(d.c2, d.p2) - term(d.c2, d.p1);
   return k;
+}
+
+// K of the surface form, from horizontal distances.
+inline double Sum_Reciprocal_Horizontal(const Data_Point &d) {
+  return Sum_Pair_Terms(d, Reciprocal_Horizontal);
 }
 
 // K of the image form, for buried electrodes.
 inline double Sum_Image(const Data_Point &d) {
-  double k = Image_Term(d.c1, d.p1);
-  if (d.nelec > 2)
-    k -= Image_Term(d.c1, d.p2);
-  if (d.nelec == 4)
-    k += Image_Term(d.c2, d.p2) - Image_Term(d.c2, d.p1);
-  return k;
+  return Sum_Pair_Terms(d, Image_Term);
 }
 
 inline bool All_Depths_Zero(const Data_Point &d) {
