@@ -121,6 +121,8 @@ const char *Cli_Usage(const std::string &subcommand) {
          "  settings show|save|load|reset  inversion settings (.ivp files)\n"
          "  read DATA.dat [--save OUT.dat]  read a survey data file and report it;\n"
          "                               --save writes the data read as a data file\n"
+         "  mesh DATA.dat [--vtk MESH.vtk]  read, then build and check the finite-element\n"
+         "                               mesh; --vtk writes it for ParaView\n"
          "  invert DATA.dat [-o RESULTS.inv]  invert a survey data file\n"
          "  export RESULTS.inv --format xyz|xyzc|logxyzc|vtk|misfit [--iteration N] [--ip]\n"
          "  plot RESULTS.inv [--iteration N] [--ip] -o FILE.png\n"

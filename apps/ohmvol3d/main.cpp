@@ -12,6 +12,7 @@
 #include "core/ivp_file.h"
 #include "core/messages.h"
 #include "core/settings_table.h"
+#include "mesh/mesh.h"
 #include "survey/survey.h"
 
 namespace {
@@ -71,6 +72,16 @@ int Run_Read(Data_Set &ds, const Cli_Options &opt) {
     return 1;
   const std::string *out = Named_Option(opt, "--save");
   return out && File_Save(ds, out->c_str()) ? 1 : 0;
+}
+
+// mesh DATA.dat [--vtk MESH.vtk]
+int Run_Mesh(Data_Set &ds, const Cli_Options &opt) {
+  if (opt.args.size() != 1)
+    return Usage_Error("mesh needs one data file name");
+  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
+    return 1;
+  const std::string *vtk = Named_Option(opt, "--vtk");
+  return Call_Generate_Mesh(ds, vtk ? vtk->c_str() : nullptr) ? 1 : 0;
 }
 
 // Subcommands whose work is not built yet go through their command ids, so
@@ -146,6 +157,8 @@ int main(int argc, char **argv) {
     result = Run_Settings(ds, opt);
   else if (sub == "read")
     result = Run_Read(ds, opt);
+  else if (sub == "mesh")
+    result = Run_Mesh(ds, opt);
   else
     result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);

@@ -32,3 +32,34 @@ template <class T> void Free_Values(T *&p) {
 // Physical memory of the computer: total and available now, in bytes.
 int64_t Total_Memory_Bytes();
 int64_t Available_Memory_Bytes();
+
+// An owned array in one block: Resize gives a fresh zero-filled block of
+// `count` values (the old one goes back), the destructor frees it.
+template <class T> class Block_Array {
+public:
+  Block_Array() = default;
+  Block_Array(const Block_Array &) = delete;
+  Block_Array &operator=(const Block_Array &) = delete;
+  ~Block_Array() { Free(); }
+
+  int Resize(Data_Set &ds, int64_t count, const char *name) {
+    Free();
+    if (Allocate_Values(ds, p_, count, name))
+      return 1;
+    n_ = count;
+    return 0;
+  }
+  void Free() {
+    Free_Values(p_);
+    n_ = 0;
+  }
+  T *data() { return p_; }
+  const T *data() const { return p_; }
+  int64_t size() const { return n_; }
+  T &operator[](int64_t i) { return p_[i]; }
+  const T &operator[](int64_t i) const { return p_[i]; }
+
+private:
+  T *p_ = nullptr;
+  int64_t n_ = 0;
+};

@@ -41,6 +41,7 @@ void Check_exit_at_min_damping_factor(Data_Set &ds) {
 void Check_Settings_After_Read(Data_Set &ds) {
   Check_Use_Sequential_IP_Inversion(ds);
   Check_User_Defined_Reference_IP_Value(ds);
+  ds.Model_grid.Check_Buffer_Nodes_XY(ds);
   Check_Use_Asm_Wavelet(ds);
   Check_exit_at_min_damping_factor(ds);
   TRACE("Check_Settings_After_Read nit_ip %d fmarqm %.4f wavelet %d\n", ds.LS_method.nit_ip,

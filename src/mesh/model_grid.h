@@ -1,8 +1,29 @@
-// Model grid: grid lines, layers, cells and topography settings.
+// Model grid: grid lines, layers, model blocks, the electrode marking of the
+// plan cells, and the main (rectangular) finite-element mesh fitted to them.
 #pragma once
+
+#include <cstdint>
+
+#include "core/memory.h"
+
+class Data_Set;
 
 constexpr int max_grid_lines = 1950; // above every row's nmax_grid_lines
 constexpr int max_user_layers = 64;  // above every row's nmax_layers
+constexpr int zbl_generated = 80;    // layer interfaces generated from thick1 and thickinc
+constexpr int zbl_capacity = 160;    // interfaces kept, the mesh's extension included
+
+// One model block. Corners 0-3 lie on the top and 4-7 on the bottom, each set
+// running (x left, y low), (x left, y high), (x right, y high), (x right, y low).
+struct Model_Block {
+  float x[8], y[8], z[8];
+  float xc, yc, zc;
+  float work[6];  // roughness and display values
+  float vol;      // flat volume
+  float vol_mesh; // volume from the mesh's real corner positions
+  // Range of mesh nodes, i, j and k from 1 (k counts without the water nodes).
+  int nx1, nx2, ny1, ny2, nz1, nz2;
+};
 
 class Model_Grid {
 public:
@@ -14,8 +35,8 @@ public:
   double ygrid[max_grid_lines + 1] = {};
 
   // User defined depths to layers (user units).
-  int user_depths = 0;   // the data file gave them
-  int nlayers_user = 0;  // their count
+  int user_depths = 0;  // the data file gave them
+  int nlayers_user = 0; // their count
   double depth_user[max_user_layers + 1] = {};
 
   // Counts copied from the survey after a read.
@@ -58,4 +79,110 @@ public:
   // Segments.
   int num_splice_x = 1; // segments in x
   int num_splice_y = 1; // segments in y
+
+  // --- Model layers and blocks ----------------------------------------------
+  float zbl[zbl_capacity + 1] = {}; // interface depths, zbl[0] = 0, zbl[i] bottom of layer i
+  int nblockx = 0, nblocky = 0;
+  int nmodel_blocks = 0;
+  int nmodel_max = 0;
+  // Depth the survey reaches, and how it comes from the data:
+  // 0 "Use maximum array length", 1 "Use median depth of investigation".
+  double psdepthmax = 0.0;
+  int depth_method = 1;
+  // A tank stops the layers at its floor.
+  int tank_limit = 0;
+  double tank_depth = 0.0;
+  // Blocks: flat, and following the topography. Same layout.
+  Block_Array<Model_Block> blocks, blocks_topo;
+  // Per layer, the blocks in x and in y (both range tables).
+  int layer_nblockx[zbl_capacity + 1] = {}, layer_nblocky[zbl_capacity + 1] = {};
+  double vol_min = 0.0, vol_max = 0.0; // of the mesh volumes
+
+  // --- Plan cells by electrode ----------------------------------------------
+  Block_Array<int> cellxy_elec; // 1 dense, 0 not dense, -1 beyond the zones
+  int num_cells = 0, num_dense = 0;
+  int edge_dense = 0;
+  int side_dense = 0;                             // 2 clears the outer ring of an all-dense plan
+  int dist_dense1i = 1, dist_dense2i = 2;         // zone distances in whole cells
+  int use_dist_electrodes_ss = 0;                 // 0 level based, 1 distance based
+
+  // --- Main mesh ---------------------------------------------------------------
+  int ixfirst = 0, jyfirst = 0; // node (from 1) of the first grid line
+  int ixfirst_base = 13, jyfirst_base = 13; // their values before a mesh is set
+  int nbot_buf = 0;             // buffer nodes below the lowest layer
+  double rate = 1.2;            // buffer rate in force
+  double tank_rate = 1.1;       // a tank's buffer rate
+  int tank_buffer = 4;          // a tank's buffer nodes outside its walls
+  double spac_buffer = 0.0;     // largest buffer spacing in force
+  double spac_buffer_base = 5.0;
+  double min_cell_width = 0.0;
+  int fixed_division = 0;                 // layers split into stored numbers of spacings
+  int ndiv_first = 2, ndiv_other = 1;     // the two stored numbers
+  int lx = 0, ly = 0, lz = 0;             // nodes in x, y and z (z without water)
+  int nwater = 0;                         // z nodes of the water layer, above
+  int lzw = 0;                            // lz + nwater
+  int lx1 = 0, ly1 = 0, lz1 = 0;          // spacings
+  int lxy = 0, lxy1 = 0;                  // lx * ly and (lx - 1) * (ly - 1)
+  double total_depth = 0.0;               // depth of the mesh bottom
+  int64_t max_layer_nodes = 0;            // most nodes in one mesh layer
+  int64_t max_mesh_nodes = 0;             // most nodes of the 3-D mesh
+  Block_Array<float> delx, dely, delz;    // spacings
+  Block_Array<float> xmesh, ymesh, zmesh; // cumulative positions from 0
+  Block_Array<float> sx, sy, sz;          // surface nodes: x, y and elevation, x fastest
+  Block_Array<float> xn, yn, zn;          // 3-D node positions, lx * ly * lzw
+  // Water levels: fraction of the local water depth at each water node.
+  float water_levels[16] = {};
+  // Z node range of each layer (from 1, with the water nodes).
+  int layer_nz1[zbl_capacity + 1] = {}, layer_nz2[zbl_capacity + 1] = {};
+  // Topography of the mesh.
+  double topo_reference = 0.0; // elevation (normalised) that depth 0 stands for
+  double topo_damp_used = 0.0; // damping factor after the fold-over guard
+
+  // Main node number (from 0) of mesh point (i, j, k), each from 1.
+  int64_t Node(int i, int j, int k) const {
+    return (i - 1) + (static_cast<int64_t>(j - 1) + static_cast<int64_t>(k - 1) * ly) * lx;
+  }
+  // Block number (from 1) of block (i, j, k), each from 1.
+  int Block_Number(int i, int j, int k) const {
+    return (k - 1) * nblockx * nblocky + (j - 1) * nblockx + i;
+  }
+
+  // Layers and blocks.
+  int Set_Model_Layers(Data_Set &ds, int zsize, int nmodel_max_in);
+  void Calculate_Blocks_Centers();
+  // Mesh volume of each block from the node positions; setting 0 or 1 picks
+  // the clamp of the node bounds.
+  void Calculate_Blocks_Volumes(int mesh_setting);
+  // Gives each layer its z node range and then calls Calculate_Blocks_Volumes.
+  void Set_Model_Blocks_Volumes_And_Mesh_Limits();
+
+  // Electrode marking of plan cells (positions normalised).
+  int Check_Cell(double xpos, double ypos);
+  int Check_Cell_Ext2(double xpos, double ypos);
+
+  // Main mesh.
+  void setlz(const Data_Set &ds);
+  int Set_Mesh_For_Point_Electrodes(Data_Set &ds);
+  int Set_Mesh_Spacings_Rectangular_Grid(Data_Set &ds, int use_dense_rect_mesh);
+  void Set_delz();
+  void Adjust_Tank_Walls(const Data_Set &ds);
+  void Set_Mesh_XYZ();
+  void Set_Surface_XY_Nodes();
+  void Zero_Surface_XY_Nodes_Positions();
+  int Copy_XY_Node_Positions_To_3D_Mesh(Data_Set &ds, int64_t limit);
+  void Set_3D_Mesh_Z_Node_Values(const Data_Set &ds);
+  void Check_Buffer_Nodes_XY(const Data_Set &ds);
+
+  // Topography.
+  double Find_Maximum_Topography_Z_Shift() const;
+  // Weight of the distortion at flat depth z: 1 at the surface.
+  double Topography_Weight(double z) const;
+  // Elevation (normalised) of mesh depth z.
+  double Invert_Topography(double z) const { return topo_reference - z; }
 };
+
+// The depth the survey reaches (normalised) by `depth_method`.
+double Survey_Depth(const Data_Set &ds, int depth_method);
+// Volume of a hexahedron with corners in the block order (exact for the
+// trilinear map between the corners).
+double Hexahedron_Volume(const double *x, const double *y, const double *z);

@@ -9,6 +9,7 @@
 #include "core/messages.h"
 #include "core/settings_snapshot.h"
 #include "core/trace.h"
+#include "mesh/mesh.h"
 #include "survey/survey.h"
 #include "survey/survey_text.h"
 
@@ -119,10 +120,21 @@ int Call_Read_Data_File(Data_Set &ds, const char *path) {
   ds.img = Text_Image();
   Show_Text(ds, "File Read", MK_WARNING, "Reading of file %s completed\n", path);
   Electrodes_Per_Point(ds);
+  if (Set_Inversion_Settings_From_Data(ds) || Set_Model_Mesh_XYZ(ds)) {
+    Show_Text(ds, "File Error", MK_WARNING, "Error in setting up model mesh\n");
+    ds.mdata = 0;
+    return 1;
+  }
+  if (Check_Model_Cell_Electrodes(ds)) {
+    ds.mdata = 0;
+    return 1;
+  }
   int failed = 0;
   if (ds.mdata > 0 &&
       (ds.data_points_removed == 1 || ds.flag_save_in_new_format > 0 || ds.save_sorted_next_read))
     failed = Save_New_Data_File(ds);
+  if (!failed && ds.mdata > 0 && ds.Model_grid.nmodel_blocks > 0)
+    Show_Inversion_Parameters(ds);
   if (ds.flag_save_in_new_format > 0) {
     ds.mdata = 0;
     ds.flag_save_in_new_format = 0;
