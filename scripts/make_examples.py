@@ -95,6 +95,23 @@ def write(name, body):
     print("wrote", path, os.path.getsize(path), "bytes")
 
 
+def grid_9x14(f):
+    xs = grid_lines(9, 2.5)
+    ys = grid_lines(14, 2.5)
+    elecs = [(x, y, 0.0) for y in ys for x in xs]
+    write_header(f, "Dipole-dipole lines along x and y over a 9 by 14 electrode grid at 2.5 m", xs, ys)
+    f.write("3\n")
+    write_electrodes(f, elecs)
+    along_x = dipole_dipole_lines(xs, ys, a=2.5, nmax=4)
+    # Lines along y: the same arrays with x and y exchanged.
+    along_y = [tuple((e[1], e[0]) for e in p) for p in dipole_dipole_lines(ys, xs, a=2.5, nmax=6)]
+    pts = along_x + along_y
+    f.write("%d\n" % len(pts))
+    for p in pts:
+        f.write("  ".join(fmt_pos(e) for e in p) + "  %.3f\n" % rho(p))
+    f.write("0\n0\n0\n0\n0\n")
+
+
 def dipole_dipole(f):
     xs, ys, elecs = surface_grid()
     write_header(f, "Dipole-dipole lines along x over a 10 by 6 electrode grid", xs, ys)
@@ -209,3 +226,4 @@ if __name__ == "__main__":
     write("topography.dat", topography)
     write("ip_chargeability.dat", ip)
     write("time_lapse.dat", time_lapse)
+    write("grid_9x14.dat", grid_9x14)
