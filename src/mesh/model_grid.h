@@ -37,7 +37,7 @@ public:
   // User defined depths to layers (user units).
   int user_depths = 0;  // the data file gave them
   int nlayers_user = 0; // their count
-  double depth_user[max_user_layers + 1] = {};
+  double depth_user[max_user_layers + 1] = {}; // bottom of layer i + 1 at [i]
 
   // Counts copied from the survey after a read.
   int num_point_elecs = 0, num_sub_elecs = 0, ndata = 0, ntime = 1, typeip = 0, nelec_use = 0;

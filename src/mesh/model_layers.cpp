@@ -11,29 +11,33 @@
 #include "survey/survey_text.h"
 
 double Trilinear_Volume(const double p[8][3]) {
-  // det J of the trilinear map is of degree 2 in each local coordinate, so
-  // the 2-point Gauss rule in each direction integrates it exactly.
-  const double g = 0.5 / std::sqrt(3.0);
-  const double gp[2] = {0.5 - g, 0.5 + g};
+  // The map is x(u, v, w) = a + b u + c v + d w + e uv + f uw + g vw + h uvw
+  // on the unit cube; det J is of degree 2 in each local coordinate, so the
+  // 2-point Gauss rule in each direction integrates it exactly.
+  double b[3], c[3], d[3], e[3], f[3], g[3], h[3];
+  for (int k = 0; k < 3; k++) {
+    b[k] = p[1][k] - p[0][k];
+    c[k] = p[2][k] - p[0][k];
+    d[k] = p[4][k] - p[0][k];
+    e[k] = p[3][k] - p[2][k] - p[1][k] + p[0][k];
+    f[k] = p[5][k] - p[4][k] - p[1][k] + p[0][k];
+    g[k] = p[6][k] - p[4][k] - p[2][k] + p[0][k];
+    h[k] = p[7][k] - p[6][k] - p[5][k] - p[3][k] + p[4][k] + p[2][k] + p[1][k] - p[0][k];
+  }
+  const double r = 0.5 / std::sqrt(3.0);
+  const double gp[2] = {0.5 - r, 0.5 + r};
   double v = 0.0;
   for (double w : gp)
     for (double t : gp)
       for (double u : gp) {
-        double j[3][3] = {};
-        for (int c = 0; c < 8; c++) {
-          const int a = c & 1, b = (c >> 1) & 1, d = (c >> 2) & 1;
-          const double du = (a ? 1.0 : -1.0) * (b ? t : 1.0 - t) * (d ? w : 1.0 - w);
-          const double dv = (a ? u : 1.0 - u) * (b ? 1.0 : -1.0) * (d ? w : 1.0 - w);
-          const double dw = (a ? u : 1.0 - u) * (b ? t : 1.0 - t) * (d ? 1.0 : -1.0);
-          for (int k = 0; k < 3; k++) {
-            j[k][0] += du * p[c][k];
-            j[k][1] += dv * p[c][k];
-            j[k][2] += dw * p[c][k];
-          }
+        double ju[3], jv[3], jw[3];
+        for (int k = 0; k < 3; k++) {
+          ju[k] = b[k] + e[k] * t + f[k] * w + h[k] * t * w;
+          jv[k] = c[k] + e[k] * u + g[k] * w + h[k] * u * w;
+          jw[k] = d[k] + f[k] * u + g[k] * t + h[k] * u * t;
         }
-        v += j[0][0] * (j[1][1] * j[2][2] - j[1][2] * j[2][1]) -
-             j[0][1] * (j[1][0] * j[2][2] - j[1][2] * j[2][0]) +
-             j[0][2] * (j[1][0] * j[2][1] - j[1][1] * j[2][0]);
+        v += ju[0] * (jv[1] * jw[2] - jv[2] * jw[1]) - ju[1] * (jv[0] * jw[2] - jv[2] * jw[0]) +
+             ju[2] * (jv[0] * jw[1] - jv[1] * jw[0]);
       }
   return std::fabs(v) * 0.125;
 }
@@ -84,7 +88,7 @@ int Model_Grid::Set_Model_Layers(Data_Set &ds, int zsize, int nmodel_max_in) {
   if (user_depths && nlayers_user > 0) {
     nlayers = std::min(nlayers_user, zbl_capacity - 1);
     for (int i = 1; i <= nlayers; i++)
-      zbl[i] = static_cast<float>(depth_user[i] / ds.spxx);
+      zbl[i] = static_cast<float>(depth_user[i - 1] / ds.spxx);
     t = zbl[nlayers] - zbl[nlayers - 1];
   } else {
     t = thick1;

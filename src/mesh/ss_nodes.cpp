@@ -346,24 +346,27 @@ int Set_SemiStructured_Mesh(Data_Set &ds) {
   Get_Elements_Nodes_Coordinates(ds);
   ss.Calculate_Mid_Point();
   double vol = 0.0;
-  for (int64_t e = 0; e < ss.number_elements; e++)
+  const int64_t ne = ss.number_elements;
+#pragma omp parallel for schedule(static) reduction(+ : vol)
+  for (int64_t e = 0; e < ne; e++)
     vol += Element_Volume(ds, e);
   ss.vol_elements = vol;
-  // The main mesh's own volume: every column from the surface to the bottom.
+  // The main mesh's own volume. Its cells stand on a rectangle of the x-y
+  // grid with vertical edges, so a whole column's volume is exactly the
+  // rectangle's area times the mean length of its four corner edges.
   double grid = 0.0;
-  for (int k = 1; k < g.lzw; k++)
-    for (int j = 0; j + 1 < g.ly; j++)
-      for (int i = 0; i + 1 < g.lx; i++) {
-        double p[8][3];
-        for (int c = 0; c < 8; c++) {
-          const int64_t m = (i + (c & 1)) + (j + ((c >> 1) & 1)) * static_cast<int64_t>(g.lx) +
-                            (k - 1 + (c >> 2)) * static_cast<int64_t>(g.lxy);
-          p[c][0] = g.xn[m];
-          p[c][1] = g.yn[m];
-          p[c][2] = g.zn[m];
-        }
-        grid += Trilinear_Volume(p);
-      }
+  const int64_t bottom = static_cast<int64_t>(g.lzw - 1) * g.lxy;
+#pragma omp parallel for schedule(static) reduction(+ : grid)
+  for (int j = 0; j < g.ly - 1; j++)
+    for (int i = 0; i < g.lx - 1; i++) {
+      const int64_t m = i + static_cast<int64_t>(j) * g.lx;
+      const int64_t c[4] = {m, m + 1, m + g.lx, m + g.lx + 1};
+      double height = 0.0;
+      for (int64_t q : c)
+        height += g.zn[q + bottom] - g.zn[q];
+      grid += (g.xn[m + 1] - g.xn[m]) * static_cast<double>(g.yn[m + g.lx] - g.yn[m]) * 0.25 *
+              height;
+    }
   ss.vol_grid = grid;
   TRACE("vol elements %.3f  vol grid %.3f\n", ss.vol_elements, ss.vol_grid);
   TRACE("Number of nodes in ss sparse mesh %d original dense mesh %d\n", ss.number_nodes_ss,
