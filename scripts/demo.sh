@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job on the bundled example: for now the program's configuration
-# report and the read of an example data file, saved back in the program's
-# own layout.
+# report, the read of an example data file saved back in the program's own
+# layout, and the finite-element mesh of the 9 by 14 electrode grid written
+# for ParaView.
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -11,3 +12,5 @@ trap 'rm -rf "$out"' EXIT
 cp "$here/examples/ip_chargeability.dat" "$out/"
 "$build/ohmvol3d" read "$out/ip_chargeability.dat" --save "$out/saved.dat"
 echo "Saved the data read as $out/saved.dat ($(wc -l <"$out/saved.dat") lines)."
+cp "$here/examples/grid_9x14.dat" "$out/"
+"$build/ohmvol3d" mesh "$out/grid_9x14.dat" --vtk "$out/grid_9x14_mesh.vtk"

@@ -10,6 +10,7 @@ packages=(
   libsuitesparse-dev
   qt6-base-dev
   libgtest-dev
+  python3-vtk9
 )
 
 missing=()

@@ -51,12 +51,12 @@ int Set_SemiStructured_Mesh(Data_Set &ds);
 double Trilinear_Volume(const double p[8][3]);
 // Local corner (a + 2 b + 4 c) of each node of a hexahedral element.
 constexpr int hex_local_corner[8] = {0, 4, 5, 1, 2, 6, 7, 3};
-// Largest relative difference allowed between a transition block's volume
-// and the sum of its tetrahedra. The tetrahedra fill the block exactly in
-// the lattice (checked once per pattern, in integers); at real positions the
-// block's top and bottom faces may be twisted by the topography, and the
-// triangles then differ from the trilinear faces by the twist.
-constexpr double transition_volume_tolerance = 1e-3;
+// Largest relative difference allowed between the volume a transition
+// block's boundary encloses and the sum of its tetrahedra's volumes. Both
+// come from the same single-precision positions in double arithmetic, so
+// only double rounding separates them (about 1e-14 for a few dozen
+// tetrahedra); any folded tetrahedron makes a difference of its own size.
+constexpr double transition_volume_tolerance = 1e-9;
 
 // --- Checks and output ----------------------------------------------------------------
 // Volume of element `e` from its positions.

@@ -7,7 +7,6 @@
 
 #include "core/data_set.h"
 #include "mesh/mesh.h"
-#include "mesh/plan_blocks.h"
 
 double Element_Volume(const Data_Set &ds, int64_t e) {
   const SemiStructured &ss = ds.Semistructured;
@@ -145,34 +144,33 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
   for (size_t t = 0; t < single_tris.size(); t++)
     if (!used[t] && !outside(single_tris[t].data(), 3))
       r.open_tet_faces++;
-  // Transition blocks: their tetrahedra against the block's volume.
-  const Plan_Axis ax{g.ixfirst, g.ngridx, g.nodes_per_unit_spacing};
-  const Plan_Axis ay{g.jyfirst, g.ngridy, g.nodes_per_unit_spacing};
+  // Transition blocks: the volume their boundary encloses (the signed sum of
+  // their tetrahedra) against the sum of the tetrahedra's volumes.
   for (int64_t e = 0; e < ss.number_elements;) {
     if (!ss.elements[e].tet) {
       e++;
       continue;
     }
     const int cell = ss.elements[e].cell, layer = ss.elements[e].layer;
-    double tets = 0.0;
+    double signed_sum = 0.0, sum = 0.0;
     int64_t f = e;
     for (; f < ss.number_elements && ss.elements[f].tet && ss.elements[f].cell == cell &&
            ss.elements[f].layer == layer;
-         f++)
-      tets += Element_Volume(ds, f);
-    const int bi = cell % ax.Count(), bj = cell / ax.Count();
-    const int i0 = ax.Start(bi), j0 = ay.Start(bj);
-    double p[8][3];
-    for (int c = 0; c < 8; c++) {
-      const int64_t m = (i0 + (c & 1) * ax.Span(bi)) +
-                        (j0 + ((c >> 1) & 1) * ay.Span(bj)) * static_cast<int64_t>(g.lx) +
-                        (layer - 1 + (c >> 2)) * static_cast<int64_t>(g.lxy);
-      p[c][0] = g.xn[m];
-      p[c][1] = g.yn[m];
-      p[c][2] = g.zn[m];
+         f++) {
+      const Element &el = ss.elements[f];
+      double a[3][3];
+      for (int c = 0; c < 3; c++) {
+        a[c][0] = static_cast<double>(el.x[c + 1]) - el.x[0];
+        a[c][1] = static_cast<double>(el.y[c + 1]) - el.y[0];
+        a[c][2] = static_cast<double>(el.z[c + 1]) - el.z[0];
+      }
+      const double v = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
+                       a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
+                       a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
+      signed_sum += v;
+      sum += std::fabs(v);
     }
-    const double block = Trilinear_Volume(p);
-    if (std::fabs(block - tets) > transition_volume_tolerance * block)
+    if (std::fabs(std::fabs(signed_sum) - sum) > transition_volume_tolerance * sum)
       r.bad_volumes++;
     e = f;
   }

@@ -130,22 +130,15 @@ double Tet_Volume6(const float *x, const float *y, const float *z) {
          a[2] * (b[0] * c[1] - b[1] * c[0]);
 }
 
-// Volume check of a transition block at its real positions: the block's
-// volume (exact for its trilinear map) against the sum of its tetrahedra.
-int Check_Block_Volume(Data_Set &ds, const Element *tets, int64_t ntets, int i0, int i1, int j0,
-                       int j1, int k, int block) {
+// Volume check of a transition block at its real positions. The lattice
+// check of its pattern proved that the tetrahedra fill the block; here vol1
+// is the volume the block's boundary encloses (the signed sum of its
+// tetrahedra, by the divergence theorem) and vol2 the sum of their volumes:
+// they differ when the distortion of the mesh folds a tetrahedron over.
+int Check_Block_Volume(Data_Set &ds, const Element *tets, int64_t ntets, int i0, int j0, int k,
+                       int block) {
   const Model_Grid &g = ds.Model_grid;
-  Element hex;
-  Set_Hexahedron(g, hex, i0, i1, j0, j1, k);
-  double p[8][3];
-  for (int c = 0; c < 8; c++) {
-    double *q = p[hex_local_corner[c]];
-    q[0] = g.xn[hex.node[c]];
-    q[1] = g.yn[hex.node[c]];
-    q[2] = g.zn[hex.node[c]];
-  }
-  const double vol1 = Trilinear_Volume(p);
-  double vol2 = 0.0;
+  double vol1 = 0.0, vol2 = 0.0;
   for (int64_t t = 0; t < ntets; t++) {
     float px[4], py[4], pz[4];
     for (int c = 0; c < 4; c++) {
@@ -153,9 +146,12 @@ int Check_Block_Volume(Data_Set &ds, const Element *tets, int64_t ntets, int i0,
       py[c] = g.yn[tets[t].node[c]];
       pz[c] = g.zn[tets[t].node[c]];
     }
-    vol2 += std::fabs(Tet_Volume6(px, py, pz)) / 6.0;
+    const double v = Tet_Volume6(px, py, pz) / 6.0;
+    vol1 += v;
+    vol2 += std::fabs(v);
   }
-  if (std::fabs(vol1 - vol2) <= transition_volume_tolerance * vol1)
+  vol1 = std::fabs(vol1);
+  if (std::fabs(vol1 - vol2) <= transition_volume_tolerance * vol2)
     return 0;
   return Refuse_Always(ds, "Error Message",
                        "Error in cell %d,%d,%d for model block %d\nvol1 %14.6e vol2 %14.6e diff "
@@ -275,8 +271,8 @@ int Generate_SemiStructured_Mesh_Elements_Adaptive(Data_Set &ds) {
                 e.node[c] = Main(g, i0 + bit % 5, j0 + (bit / 5) % 5, k - 1 + bit / 25);
               }
             }
-            if (Check_Block_Volume(ds, &ss.elements[n], static_cast<int64_t>(tets->size()), i0,
-                                   i0 + f.span_x, j0, j0 + f.span_y, k, cell + 1))
+            if (Check_Block_Volume(ds, &ss.elements[n], static_cast<int64_t>(tets->size()), i0, j0,
+                                   k, cell + 1))
               return 1;
           }
           n += static_cast<int64_t>(tets->size());

@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <sys/wait.h>
 #include <vector>
 
 #include "core/commands.h"
@@ -56,7 +57,7 @@ const Case cases[] = {{"grid_dipole_dipole.dat", 1, true}, {"grid_dipole_dipole.
                       {"grid_9x14.dat", 0, true},          {"borehole.dat", 0, true}};
 
 // Meshes are built once and shared by the tests, which only read them.
-const Data_Set &Mesh(const Case &c) {
+Data_Set &Mesh(const Case &c) {
   static std::map<std::string, std::unique_ptr<Built>> built;
   auto &b = built[std::string(c.name) + std::to_string(c.dense)];
   if (!b)
@@ -90,7 +91,9 @@ int Sides(const Data_Set &ds, const int *nodes, int n) {
   }
   return sides;
 }
-bool Outer(const Data_Set &ds, const int *nodes, int n) { return Sides(ds, nodes, n) != 0; }
+bool Outer(const Data_Set &ds, const int *nodes, int n) {
+  return Sides(ds, nodes, n) != 0;
+}
 
 using Tri = std::array<int, 3>;
 using Quad = std::array<int, 4>;
@@ -164,6 +167,113 @@ void Expect_Conforming(const Data_Set &ds) {
   const Mesh_Check r = Check_SemiStructured_Mesh(ds);
   EXPECT_EQ(r.open_tet_faces + r.open_hex_faces + r.overshared_faces, 0);
   EXPECT_EQ(r.level_errors + r.bad_volumes, 0);
+}
+
+// Lattice position (a, b, c) of a block point.
+std::array<int, 3> Pos(int bit) {
+  return {bit % 5, (bit / 5) % 5, bit / 25};
+}
+
+// Blocks as the adaptive mesh sets them up. A: a coarse block whose +x
+// neighbour B is twice as fine, with C under B finer still; D: steps 2 by 4
+// under a level of steps 2, over a coarse one; E: a buffer block of 4 by 1
+// spacings with one extra point on its high y top edge.
+const Block_Faces block_a{4, 4, 4, 4, 4, 4, 4, 2, 4, 4, {{4, 4, 4, 2}, {4, 4, 4, 1}}};
+const Block_Faces block_b{4, 4, 2, 2, 1, 1, 2, 2, 2, 2, {{2, 2, 2, 2}, {1, 1, 1, 1}}};
+const Block_Faces block_c{4, 4, 1, 1, 1, 1, 1, 1, 1, 1, {{1, 1, 1, 1}, {1, 1, 1, 1}}};
+const Block_Faces block_d{4, 4, 2, 2, 2, 4, 4, 4, 2, 2, {{2, 2, 2, 2}, {2, 2, 4, 4}}};
+const Block_Faces block_e{4, 1, 4, 1, 4, 1, 1, 1, 4, 4, {{4, 2, 1, 1}, {4, 4, 1, 1}}};
+
+using Tri3 = std::array<std::array<int, 3>, 3>;
+// Boundary triangles of `f` in the plane (axis d) = w, moved by `offset`.
+std::set<Tri3> Face_Triangles(const Block_Faces &f, int d, int w, std::array<int, 3> offset) {
+  std::set<Tri3> out;
+  for (const auto &t : Block_Boundary_Triangles(f, Block_Points(f))) {
+    Tri3 p;
+    bool on = true;
+    for (int n = 0; n < 3; n++) {
+      p[n] = Pos(t[n]);
+      on = on && p[n][d] == w;
+      for (int x = 0; x < 3; x++)
+        p[n][x] += offset[x];
+    }
+    std::sort(p.begin(), p.end());
+    if (on)
+      out.insert(p);
+  }
+  return out;
+}
+
+// The boundary triangles tile each of the block's six faces.
+void Expect_Tiled(const Block_Faces &f) {
+  const uint64_t points = Block_Points(f);
+  const int extent[3] = {f.span_x, f.span_y, 1};
+  std::vector<Tri3> on_face[6];
+  int64_t off_face = 0, flat = 0, t_joints = 0;
+  for (const auto &t : Block_Boundary_Triangles(f, points)) {
+    Tri3 p = {Pos(t[0]), Pos(t[1]), Pos(t[2])};
+    int face = -1, faces = 0;
+    for (int d = 0; d < 3; d++)
+      for (int w : {0, extent[d]})
+        if (p[0][d] == w && p[1][d] == w && p[2][d] == w) {
+          face = 2 * d + (w != 0);
+          faces++;
+        }
+    if (faces != 1) {
+      off_face++;
+      continue;
+    }
+    on_face[face].push_back(p);
+    for (int n = 0; n < 3; n++) { // no block point inside an edge
+      const auto &q0 = p[n], &q1 = p[(n + 1) % 3];
+      for (int bit = 0; bit < lattice_bits; bit++) {
+        if (!((points >> bit) & 1u))
+          continue;
+        const auto r = Pos(bit);
+        int e[3], g[3];
+        for (int x = 0; x < 3; x++) {
+          e[x] = q1[x] - q0[x];
+          g[x] = r[x] - q0[x];
+        }
+        const bool line =
+            e[1] * g[2] == e[2] * g[1] && e[2] * g[0] == e[0] * g[2] && e[0] * g[1] == e[1] * g[0];
+        const int dot = e[0] * g[0] + e[1] * g[1] + e[2] * g[2];
+        t_joints += line && dot > 0 && dot < e[0] * e[0] + e[1] * e[1] + e[2] * e[2];
+      }
+    }
+  }
+  EXPECT_EQ(off_face, 0);
+  for (int face = 0; face < 6; face++) {
+    const int d = face / 2, u = (d + 1) % 3, v = (d + 2) % 3;
+    double area = 0.0;
+    for (const Tri3 &p : on_face[face]) {
+      const int a2 =
+          (p[1][u] - p[0][u]) * (p[2][v] - p[0][v]) - (p[1][v] - p[0][v]) * (p[2][u] - p[0][u]);
+      flat += a2 == 0;
+      area += std::abs(a2) * 0.5;
+    }
+    EXPECT_EQ(area, extent[u] * extent[v]) << "face " << face;
+    // Every sample point of the face lies in exactly one triangle.
+    int64_t miscovered = 0;
+    for (int su = 0; su < 4 * extent[u]; su++)
+      for (int sv = 0; sv < 4 * extent[v]; sv++) {
+        const double x = (su + 0.37) * 0.25, y = (sv + 0.61) * 0.25;
+        int inside = 0;
+        for (const Tri3 &p : on_face[face]) {
+          int neg = 0, pos = 0;
+          for (int n = 0; n < 3; n++) {
+            const auto &q0 = p[n], &q1 = p[(n + 1) % 3];
+            const double c = (q1[u] - q0[u]) * (y - q0[v]) - (q1[v] - q0[v]) * (x - q0[u]);
+            (c < 0 ? neg : pos)++;
+          }
+          inside += neg == 0 || pos == 0;
+        }
+        miscovered += inside != 1;
+      }
+    EXPECT_EQ(miscovered, 0) << "face " << face;
+  }
+  EXPECT_EQ(flat, 0);
+  EXPECT_EQ(t_joints, 0);
 }
 
 } // namespace
@@ -322,8 +432,8 @@ TEST(SS_Mesh, JacobianLimitsFollowTheSideReduction) {
     for (int64_t e = 0; e < m.number_elements; e++) {
       const Element &el = m.elements[e];
       const int bi = el.cell % ax.Count(), bj = el.cell / ax.Count();
-      const bool want = ax.Interior(bi) && ay.Interior(bj) && el.layer >= m.z_jac_first &&
-                        el.layer <= m.z_jac;
+      const bool want =
+          ax.Interior(bi) && ay.Interior(bj) && el.layer >= m.z_jac_first && el.layer <= m.z_jac;
       wrong += el.jac != int(want);
       in += want;
       for (int n = 0; n < el.nnodes; n++) { // the element lies in its plan block
@@ -335,5 +445,113 @@ TEST(SS_Mesh, JacobianLimitsFollowTheSideReduction) {
     EXPECT_EQ(wrong, 0);
     EXPECT_GT(in, 0);
     EXPECT_LT(in, m.number_elements);
+  }
+}
+
+TEST(Transition_Block, BoundaryTrianglesTileEachFaceAndMatchAcrossSharedFaces) {
+  for (const Block_Faces *f : {&block_a, &block_b, &block_c, &block_d, &block_e}) {
+    SCOPED_TRACE("block " + std::string(1, char('a' + (f - &block_a))));
+    Expect_Tiled(*f);
+  }
+  // A's high x face is B's low x face; B's bottom face is C's top face.
+  const auto ab = Face_Triangles(block_a, 0, 4, {0, 0, 0});
+  EXPECT_FALSE(ab.empty());
+  EXPECT_EQ(ab, Face_Triangles(block_b, 0, 0, {4, 0, 0}));
+  const auto bc = Face_Triangles(block_b, 2, 1, {0, 0, 0});
+  EXPECT_EQ(bc.size(), 32u);
+  EXPECT_EQ(bc, Face_Triangles(block_c, 2, 0, {0, 0, 1}));
+}
+
+TEST(Transition_Block, TetrahedraFillTheBlockAndEachPatternIsMadeOnce) {
+  Temp_Folder tmp;
+  Front_End_Record rec;
+  auto ds = Make_Data_Set(tmp, rec);
+  Pattern_Cache cache;
+  int64_t calls = 0;
+  for (const Block_Faces *f : {&block_a, &block_b, &block_d, &block_e}) {
+    SCOPED_TRACE("block " + std::string(1, char('a' + (f - &block_a))));
+    const uint64_t points = Block_Points(*f);
+    const Tet_List *tets = nullptr;
+    ASSERT_EQ(Copy_Nodes_Element3(*ds, cache, *f, points, tets), 0);
+    ASSERT_NE(tets, nullptr);
+    EXPECT_EQ(cache.tetgen_calls, ++calls);
+    double vol6 = 0.0;
+    std::map<std::array<int, 3>, int> faces;
+    for (const auto &t : *tets) {
+      std::array<int, 3> p[4];
+      for (int n = 0; n < 4; n++)
+        p[n] = Pos(t[n]);
+      int e[3][3];
+      for (int n = 0; n < 3; n++)
+        for (int x = 0; x < 3; x++)
+          e[n][x] = p[n + 1][x] - p[0][x];
+      const int det = e[0][0] * (e[1][1] * e[2][2] - e[1][2] * e[2][1]) -
+                      e[0][1] * (e[1][0] * e[2][2] - e[1][2] * e[2][0]) +
+                      e[0][2] * (e[1][0] * e[2][1] - e[1][1] * e[2][0]);
+      EXPECT_NE(det, 0);
+      vol6 += std::abs(det);
+      for (int k = 0; k < 4; k++) {
+        std::array<int, 3> tri = {t[(k + 1) % 4], t[(k + 2) % 4], t[(k + 3) % 4]};
+        std::sort(tri.begin(), tri.end());
+        faces[tri]++;
+      }
+    }
+    EXPECT_EQ(vol6, 6.0 * f->span_x * f->span_y);
+    // The faces met once are the boundary triangles, none is met more than twice.
+    std::set<std::array<int, 3>> outer, boundary;
+    for (const auto &[tri, count] : faces) {
+      EXPECT_LE(count, 2);
+      if (count == 1)
+        outer.insert(tri);
+    }
+    for (const auto &t : Block_Boundary_Triangles(*f, points)) {
+      std::array<int, 3> tri = {t[0], t[1], t[2]};
+      std::sort(tri.begin(), tri.end());
+      boundary.insert(tri);
+    }
+    EXPECT_EQ(outer, boundary);
+    const Tet_List *again = nullptr;
+    ASSERT_EQ(Copy_Nodes_Element3(*ds, cache, *f, points, again), 0);
+    EXPECT_EQ(again, tets);
+    EXPECT_EQ(cache.tetgen_calls, calls);
+  }
+  EXPECT_EQ(cache.patterns.size(), 4u);
+}
+
+TEST(SS_Mesh, VtkFileReadsBackWithPositiveCellVolumes) {
+  if (std::system("/usr/bin/python3 -c 'import vtk' >/dev/null 2>&1") != 0)
+    GTEST_SKIP() << "/usr/bin/python3 cannot import vtk";
+  Temp_Folder tmp;
+  const std::string script = tmp.sub("check.py");
+  Write_File(script, R"(import sys, vtk
+reader = vtk.vtkUnstructuredGridReader()
+reader.SetFileName(sys.argv[1])
+reader.Update()
+grid = reader.GetOutput()
+cells, want = int(sys.argv[2]), float(sys.argv[3])
+if grid.GetNumberOfCells() != cells:
+    sys.exit("cells %d, expected %d" % (grid.GetNumberOfCells(), cells))
+sizes = vtk.vtkCellSizeFilter()
+sizes.SetInputData(grid)
+sizes.Update()
+volume = sizes.GetOutput().GetCellData().GetArray("Volume")
+vols = [volume.GetValue(i) for i in range(cells)]
+if min(vols) <= 0:
+    sys.exit("cell volume %g" % min(vols))
+if abs(sum(vols) - want) > 1e-4 * want:
+    sys.exit("volume %.9g, expected %.9g" % (sum(vols), want))
+)");
+  for (const Case &c : {cases[1], cases[3]}) {
+    SCOPED_TRACE(c.name);
+    Data_Set &ds = Mesh(c);
+    const std::string vtk = tmp.sub("mesh.vtk");
+    ASSERT_EQ(Write_Mesh_Vtk(ds, vtk.c_str()), 0);
+    const double want = ds.Semistructured.vol_elements * std::pow(ds.spxx, 3);
+    const std::string command = "/usr/bin/python3 " + script + " " + vtk + " " +
+                                std::to_string(ds.Semistructured.number_elements) + " " +
+                                std::to_string(want);
+    const int status = std::system(command.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
   }
 }
