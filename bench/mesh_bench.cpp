@@ -127,8 +127,9 @@ int main(int argc, char **argv) {
                 dense ? "dense" : "adaptive", g.nlayers, g.lx, g.ly, g.lzw, ss.number_nodes_ss,
                 static_cast<long long>(ss.number_elements), static_cast<long long>(ss.num_tet),
                 static_cast<long long>(ss.num_patterns));
-    std::printf("          read with main mesh %.3f s, solved mesh %.3f s, total %.3f s (goal 5 s)\n",
-                read, mesh, read + mesh);
+    std::printf(
+        "          read with main mesh %.3f s, solved mesh %.3f s, total %.3f s (goal 5 s)\n", read,
+        mesh, read + mesh);
   }
   std::filesystem::remove_all(dir);
   return status;

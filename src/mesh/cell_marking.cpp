@@ -9,7 +9,9 @@
 
 namespace {
 
-int64_t Thousandths(double v) { return std::llround(v * 1000.0); }
+int64_t Thousandths(double v) {
+  return std::llround(v * 1000.0);
+}
 
 // Cells [lo, hi) along one grid within `r` cells of position v; false if the
 // position is beyond the last line.

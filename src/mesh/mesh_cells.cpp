@@ -35,10 +35,10 @@ int Convert_Model_Cell_to_Mesh_Cell(Data_Set &ds) {
         const int64_t c = (k - 1) * plan + static_cast<int64_t>(bj) * ss.nblk_x + bi;
         int sx = 1, sy = 1, flag = 1;
         if (ax.Interior(bi) && ay.Interior(bj)) {
-          const int mark = all_dense ? 1
-                                     : g.cellxy_elec[static_cast<int64_t>(bj - (g.jyfirst - 1)) *
-                                                         nbx +
-                                                     (bi - (g.ixfirst - 1))];
+          const int mark = all_dense
+                               ? 1
+                               : g.cellxy_elec[static_cast<int64_t>(bj - (g.jyfirst - 1)) * nbx +
+                                               (bi - (g.ixfirst - 1))];
           if (k <= l0) {
             sx = sy = mark == 1 ? 4 : mark == 0 ? 2 : 1;
           } else if (k == l0 + 1) {

@@ -88,8 +88,8 @@ int Set_Inversion_Settings_From_Data(Data_Set &ds) {
 int Set_Model_Mesh_XYZ(Data_Set &ds) {
   Model_Grid &g = ds.Model_grid;
   SemiStructured &ss = ds.Semistructured;
-  g.max_layer_nodes = static_cast<int64_t>(ds.Data_lim_sys.nmax_xy_nodes) *
-                      ds.Data_lim_sys.nmax_xy_nodes;
+  g.max_layer_nodes =
+      static_cast<int64_t>(ds.Data_lim_sys.nmax_xy_nodes) * ds.Data_lim_sys.nmax_xy_nodes;
   g.max_mesh_nodes = ds.Data_lim_sys.max_cells_mesh;
   // The adaptive mesh divides each model cell into four spacings, and keeps
   // more fine levels under a finer vertical mesh.
@@ -195,8 +195,9 @@ int Call_Generate_Mesh(Data_Set &ds, const char *vtk_path) {
   const Mesh_Check c = Check_SemiStructured_Mesh(ds);
   Panel(ds, "Element volume %.6g, mesh volume %.6g (relative difference %.2e).", c.vol_elements,
         c.vol_grid, c.vol_grid > 0.0 ? std::fabs(c.vol_elements - c.vol_grid) / c.vol_grid : 0.0);
-  Panel(ds, "Open faces %lld, faces shared more than twice %lld, elements off their levels %lld, "
-            "transition volume errors %lld.",
+  Panel(ds,
+        "Open faces %lld, faces shared more than twice %lld, elements off their levels %lld, "
+        "transition volume errors %lld.",
         static_cast<long long>(c.open_tet_faces + c.open_hex_faces),
         static_cast<long long>(c.overshared_faces), static_cast<long long>(c.level_errors),
         static_cast<long long>(c.bad_volumes));

@@ -10,7 +10,9 @@
 
 namespace {
 
-int Nodes_Along(int first, int ngrid, int npu) { return 2 * first - 1 + (ngrid - 1) * npu; }
+int Nodes_Along(int first, int ngrid, int npu) {
+  return 2 * first - 1 + (ngrid - 1) * npu;
+}
 
 } // namespace
 
@@ -19,10 +21,10 @@ void Model_Grid::Check_Buffer_Nodes_XY(const Data_Set &ds) {
   // gives up buffer nodes, down to 6 a side, until the layer fits.
   nbuffer_xy = std::clamp(nbuffer_xy, 10, 22);
   ixfirst_base = jyfirst_base = nbuffer_xy + 1;
-  const int64_t limit = ds.Data_lim_sys.nmax_xy_nodes > 0
-                            ? static_cast<int64_t>(ds.Data_lim_sys.nmax_xy_nodes) *
-                                  ds.Data_lim_sys.nmax_xy_nodes
-                            : 0;
+  const int64_t limit =
+      ds.Data_lim_sys.nmax_xy_nodes > 0
+          ? static_cast<int64_t>(ds.Data_lim_sys.nmax_xy_nodes) * ds.Data_lim_sys.nmax_xy_nodes
+          : 0;
   if (limit <= 0 || ngridx < 2 || ngridy < 2)
     return;
   const int npu = nodes_per_unit_spacing;

@@ -51,7 +51,8 @@ void Set_Surface_Mesh_Topography(Data_Set &ds) {
       Cell_Of_Node(i, g.ixfirst, g.ngridx, npu, ci, fx);
       const double a = h[ci + cj * nx], b = h[ci + 1 + cj * nx];
       const double c = h[ci + (cj + 1) * nx], d = h[ci + 1 + (cj + 1) * nx];
-      row[i] = static_cast<float>((1 - fy) * ((1 - fx) * a + fx * b) + fy * ((1 - fx) * c + fx * d));
+      row[i] =
+          static_cast<float>((1 - fy) * ((1 - fx) * a + fx * b) + fy * ((1 - fx) * c + fx * d));
     }
   }
   // Refinement: interior nodes between grid lines take the ground's own
@@ -99,8 +100,8 @@ void Set_Surface_Mesh_Topography(Data_Set &ds) {
 void Add_Topography_Model(Data_Set &ds) {
   Model_Grid &g = ds.Model_grid;
   const Topography &t = ds.topo;
-  TRACE("Data_Set::Add_Topography_Model surface grid %d by %d  topoelec %.3f %.3f %.3f\n",
-        g.ngridx, g.ngridy, t.zmin, t.zmax, t.average);
+  TRACE("Data_Set::Add_Topography_Model surface grid %d by %d  topoelec %.3f %.3f %.3f\n", g.ngridx,
+        g.ngridy, t.zmin, t.zmax, t.average);
   // The topographic blocks take the z of the mesh nodes at their corners.
   const int n = g.nmodel_blocks;
 #pragma omp parallel for schedule(static)

@@ -35,8 +35,8 @@ public:
   double ygrid[max_grid_lines + 1] = {};
 
   // User defined depths to layers (user units).
-  int user_depths = 0;  // the data file gave them
-  int nlayers_user = 0; // their count
+  int user_depths = 0;                         // the data file gave them
+  int nlayers_user = 0;                        // their count
   double depth_user[max_user_layers + 1] = {}; // bottom of layer i + 1 at [i]
 
   // Counts copied from the survey after a read.
@@ -102,18 +102,18 @@ public:
   Block_Array<int> cellxy_elec; // 1 dense, 0 not dense, -1 beyond the zones
   int num_cells = 0, num_dense = 0;
   int edge_dense = 0;
-  int side_dense = 0;                             // 2 clears the outer ring of an all-dense plan
-  int dist_dense1i = 1, dist_dense2i = 2;         // zone distances in whole cells
-  int use_dist_electrodes_ss = 0;                 // 0 level based, 1 distance based
+  int side_dense = 0;                     // 2 clears the outer ring of an all-dense plan
+  int dist_dense1i = 1, dist_dense2i = 2; // zone distances in whole cells
+  int use_dist_electrodes_ss = 0;         // 0 level based, 1 distance based
 
   // --- Main mesh ---------------------------------------------------------------
-  int ixfirst = 0, jyfirst = 0; // node (from 1) of the first grid line
+  int ixfirst = 0, jyfirst = 0;             // node (from 1) of the first grid line
   int ixfirst_base = 13, jyfirst_base = 13; // their values before a mesh is set
-  int nbot_buf = 0;             // buffer nodes below the lowest layer
-  double rate = 1.2;            // buffer rate in force
-  double tank_rate = 1.1;       // a tank's buffer rate
-  int tank_buffer = 4;          // a tank's buffer nodes outside its walls
-  double spac_buffer = 0.0;     // largest buffer spacing in force
+  int nbot_buf = 0;                         // buffer nodes below the lowest layer
+  double rate = 1.2;                        // buffer rate in force
+  double tank_rate = 1.1;                   // a tank's buffer rate
+  int tank_buffer = 4;                      // a tank's buffer nodes outside its walls
+  double spac_buffer = 0.0;                 // largest buffer spacing in force
   double spac_buffer_base = 5.0;
   double min_cell_width = 0.0;
   int fixed_division = 0;                 // layers split into stored numbers of spacings

@@ -19,15 +19,15 @@ enum Face_Flag : unsigned char {
 // the plane of higher y, each set running (low x, top), (low x, bottom),
 // (high x, bottom), (high x, top).
 struct Element {
-  int tet;          // non-zero: a tetrahedron of 4 nodes
+  int tet; // non-zero: a tetrahedron of 4 nodes
   int reserved;
-  int nnodes;       // 4 or 8
-  int code;         // 8 hexahedron, 20 tetrahedron of a transition block
-  int cell;         // plan block number (from 0) of the adaptive block
-  int layer;        // mesh layer (z level, from 1)
+  int nnodes;          // 4 or 8
+  int code;            // 8 hexahedron, 20 tetrahedron of a transition block
+  int cell;            // plan block number (from 0) of the adaptive block
+  int layer;           // mesh layer (z level, from 1)
   unsigned char faces; // Face_Flag bits
-  int jac;          // 1 inside the Jacobian limits
-  int node[8];      // solved node numbers, from 1
+  int jac;             // 1 inside the Jacobian limits
+  int node[8];         // solved node numbers, from 1
   float x[8], y[8], z[8];
   float cond_r, cond_i;
 };
@@ -47,7 +47,7 @@ public:
 
   // Nodes.
   int64_t number_nodes_main = 0;
-  int number_nodes_ss = 0; // neqns
+  int number_nodes_ss = 0;                   // neqns
   Block_Array<float> xnodet, ynodet, znodet; // mesh line positions
   int nxlines = 0, nylines = 0, nzlines = 0;
   Block_Array<float> xnodess, ynodess, znodess;

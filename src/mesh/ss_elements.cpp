@@ -279,8 +279,8 @@ int Generate_SemiStructured_Mesh_Elements_Adaptive(Data_Set &ds) {
           ntet += static_cast<int64_t>(tets->size());
         }
       if (pass == 1)
-        TRACE("Level %2d nmeshz4 %d nwater %d blk1 %8d  blk change %5d num_ele %8d change %7d\n",
-              k, ss.num_fine_used, g.nwater, static_cast<int>(ss.nblk_x * ss.nblk_y),
+        TRACE("Level %2d nmeshz4 %d nwater %d blk1 %8d  blk change %5d num_ele %8d change %7d\n", k,
+              ss.num_fine_used, g.nwater, static_cast<int>(ss.nblk_x * ss.nblk_y),
               static_cast<int>(transitions - changes_start), static_cast<int>(n),
               static_cast<int>(n - level_start));
       if (pass == 0 && n > ss.max_elements) {

@@ -189,8 +189,8 @@ int Generate_SemiStructured_Mesh_Nodes(Data_Set &ds) {
   TRACE("Number of unique nodes %d\nLowest node %7.2f,%7.2f,%7.2f number %lld\nHighest node "
         "%7.2f,%7.2f,%7.2f number %lld\n",
         ss.number_nodes_ss, ss.xnodess[0], ss.ynodess[0], ss.znodess[0],
-        static_cast<long long>(keys.front().first), ss.xnodess[nodes - 1],
-        ss.ynodess[nodes - 1], ss.znodess[nodes - 1], static_cast<long long>(keys.back().first));
+        static_cast<long long>(keys.front().first), ss.xnodess[nodes - 1], ss.ynodess[nodes - 1],
+        ss.znodess[nodes - 1], static_cast<long long>(keys.back().first));
   progress(ds, "Setting of node numbers for sparse mesh completed", 1.0);
   return 0;
 }
@@ -263,43 +263,22 @@ void SemiStructured::Find_ngridz(int meshz, int reduceside, int zn1_last_layer, 
 
 void SemiStructured::Set_Jacobian_Limits(int reduceside, int i0, int j0, int ngridx, int ngridy,
                                          int nwater) {
-  switch (reduceside) {
-  case 0: // the whole mesh; the y limit is built from ngridx as well
-    jac_x[0] = 1;
+  if (reduceside <= 0) {
+    // The whole mesh; its y limit is built from ngridx as well.
+    jac_x[0] = jac_y[0] = 1;
     jac_x[1] = ngridx + 2 * (i0 - 1);
-    jac_y[0] = 1;
     jac_y[1] = ngridx + 2 * j0 - 2;
     z_jac = ngridz + 8;
-    break;
-  case 1:
-    jac_x[0] = i0 - 8;
-    jac_x[1] = ngridx + 6 + i0;
-    jac_y[0] = j0 - 8;
-    jac_y[1] = j0 + 6 + ngridy;
-    z_jac = ngridz + 5;
-    break;
-  case 2:
-    jac_x[0] = i0 - 6;
-    jac_x[1] = ngridx + 4 + i0;
-    jac_y[0] = j0 - 6;
-    jac_y[1] = j0 + 4 + ngridy;
-    z_jac = ngridz + 3;
-    break;
-  case 3:
-  case 4:
-    jac_x[0] = i0 - 2;
-    jac_x[1] = ngridx + i0;
-    jac_y[0] = j0 - 2;
-    jac_y[1] = j0 + ngridy;
-    z_jac = ngridz + 1;
-    break;
-  default:
-    jac_x[0] = i0;
-    jac_x[1] = ngridx + i0 - 2;
-    jac_y[0] = j0;
-    jac_y[1] = ngridy + j0 - 2;
-    z_jac = ngridz - 1;
-    break;
+  } else {
+    // Blocks beyond the first and last grid line (a), beyond them on the
+    // high side (b), and z levels below ngridz (c), by reduceside 1 to 5.
+    static const int a[5] = {-8, -6, -2, -2, 0}, b[5] = {6, 4, 0, 0, -2}, c[5] = {5, 3, 1, 1, -1};
+    const int r = std::min(reduceside, 5) - 1;
+    jac_x[0] = i0 + a[r];
+    jac_x[1] = ngridx + i0 + b[r];
+    jac_y[0] = j0 + a[r];
+    jac_y[1] = ngridy + j0 + b[r];
+    z_jac = ngridz + c[r];
   }
   z_jac_first = 1;
   if (nwater > 0) {
@@ -364,8 +343,8 @@ int Set_SemiStructured_Mesh(Data_Set &ds) {
       double height = 0.0;
       for (int64_t q : c)
         height += g.zn[q + bottom] - g.zn[q];
-      grid += (g.xn[m + 1] - g.xn[m]) * static_cast<double>(g.yn[m + g.lx] - g.yn[m]) * 0.25 *
-              height;
+      grid +=
+          (g.xn[m + 1] - g.xn[m]) * static_cast<double>(g.yn[m + g.lx] - g.yn[m]) * 0.25 * height;
     }
   ss.vol_grid = grid;
   TRACE("vol elements %.3f  vol grid %.3f\n", ss.vol_elements, ss.vol_grid);

@@ -168,8 +168,8 @@ bool Valid_Pattern(const Block_Faces &f, const Tet_List &tets,
   return outer == given; // the map keeps `outer` sorted
 }
 
-int Tetrahedralise(const std::vector<int> &bits, const std::vector<std::array<unsigned char, 3>> &tris,
-                   Tet_List &tets) {
+int Tetrahedralise(const std::vector<int> &bits,
+                   const std::vector<std::array<unsigned char, 3>> &tris, Tet_List &tets) {
   tetgenio in, out;
   in.firstnumber = 0;
   in.numberofpoints = static_cast<int>(bits.size());
@@ -240,8 +240,8 @@ uint64_t Block_Points(const Block_Faces &f) {
 }
 
 Pattern_Key Make_Pattern_Key(const Block_Faces &f, uint64_t points) {
-  const int s[10] = {f.span_x,    f.span_y,    f.top_x,     f.top_y,     f.bot_x,
-                     f.bot_y,     f.side_lo_x, f.side_hi_x, f.side_lo_y, f.side_hi_y};
+  const int s[10] = {f.span_x, f.span_y,    f.top_x,     f.top_y,     f.bot_x,
+                     f.bot_y,  f.side_lo_x, f.side_hi_x, f.side_lo_y, f.side_hi_y};
   uint64_t steps = 0;
   for (int v : s)
     steps = steps * 8 + static_cast<uint64_t>(v);
@@ -264,8 +264,8 @@ std::vector<std::array<unsigned char, 3>> Block_Boundary_Triangles(const Block_F
   return tris;
 }
 
-int Copy_Nodes_Element3(Data_Set &ds, Pattern_Cache &cache, const Block_Faces &f,
-                        uint64_t points, const Tet_List *&tets) {
+int Copy_Nodes_Element3(Data_Set &ds, Pattern_Cache &cache, const Block_Faces &f, uint64_t points,
+                        const Tet_List *&tets) {
   const Pattern_Key key = Make_Pattern_Key(f, points);
   auto found = cache.patterns.find(key);
   if (found != cache.patterns.end()) {

@@ -14,7 +14,9 @@ class Data_Set;
 
 constexpr int lattice_bits = 50;
 
-inline int Lattice_Bit(int a, int b, int c) { return a + 5 * b + 25 * c; }
+inline int Lattice_Bit(int a, int b, int c) {
+  return a + 5 * b + 25 * c;
+}
 
 // Steps (in main spacings) of the face lattices that decide a block's points.
 struct Block_Faces {
@@ -61,5 +63,5 @@ std::vector<std::array<unsigned char, 3>> Block_Boundary_Triangles(const Block_F
 
 // Tetrahedra of a transition block by TetGen, from the cache when the same
 // pattern was met before. 0 on success; 1 after the error message.
-int Copy_Nodes_Element3(Data_Set &ds, Pattern_Cache &cache, const Block_Faces &f,
-                        uint64_t points, const Tet_List *&tets);
+int Copy_Nodes_Element3(Data_Set &ds, Pattern_Cache &cache, const Block_Faces &f, uint64_t points,
+                        const Tet_List *&tets);

@@ -124,6 +124,30 @@ TEST_F(Cli, UnbuiltCommandsRefuseWithStatusOne) {
   EXPECT_EQ(bad.err.find("not available yet"), std::string::npos);
 }
 
+// The 9 by 14 electrode grid: the adaptive mesh is smaller than the dense one
+// and both pass the mesh checks; --vtk writes the mesh.
+TEST_F(Cli, MeshReportsBothFormsAndWritesVtk) {
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat", dir + "/g.dat");
+  int nodes[2] = {};
+  for (int dense = 0; dense < 2; dense++) {
+    const Run_Result r =
+        Run("mesh g.dat --vtk m.vtk --set use_dense_rect_mesh=" + std::to_string(dense));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Number of layers is "), std::string::npos);
+    EXPECT_NE(r.out.find("Open faces 0, faces shared more than twice 0, elements off their "
+                         "levels 0, transition volume errors 0."),
+              std::string::npos)
+        << r.out;
+    const size_t at = r.out.find("Nodes in the solved mesh ");
+    ASSERT_NE(at, std::string::npos);
+    nodes[dense] = std::atoi(r.out.c_str() + at + 25);
+    EXPECT_EQ(Slurp(dir + "/m.vtk").rfind("# vtk DataFile Version 3.0\n", 0), 0u);
+  }
+  EXPECT_GT(nodes[0], 0);
+  EXPECT_LT(nodes[0], nodes[1]);
+  EXPECT_EQ(Run("mesh").status, 2);
+}
+
 TEST_F(Cli, SettingsSaveLoadSaveIsStable) {
   ASSERT_EQ(Run("settings save a.ivp --set nit=7").status, 0);
   const Run_Result load = Run("settings load a.ivp");
