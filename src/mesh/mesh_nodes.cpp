@@ -64,6 +64,14 @@ void Model_Grid::Set_3D_Mesh_Z_Node_Values(const Data_Set &ds) {
   const bool topo = ds.topo.grid_heights && type_topo_model > 0;
   const double water_top = ds.water.kind > 0 ? ds.water.elevation / ds.spxx : 0.0;
   float *z = zn.data();
+  // Where the ground stands above the water the water levels keep a least
+  // thickness, a quarter of the deepest water, so that they do not pinch
+  // out over one cell at the shore.
+  double deepest = 0.0;
+  if (nwater > 0)
+    for (int64_t c = 0; c < n; c++)
+      deepest = std::max(deepest, water_top - (topo ? sz[c] : 0.0));
+  const double least = std::max(0.01 * nwater, 0.25 * deepest);
 #pragma omp parallel for schedule(static)
   for (int64_t c = 0; c < n; c++) {
     const double shift = topo ? topo_reference - sz[c] : 0.0;
@@ -81,7 +89,7 @@ void Model_Grid::Set_3D_Mesh_Z_Node_Values(const Data_Set &ds) {
       // fractions of the local water depth.
       const double bed = z[nwater * n + c];
       const double bed_elevation = topo ? sz[c] : 0.0;
-      const double depth = std::max(water_top - bed_elevation, 0.01 * nwater);
+      const double depth = std::max(water_top - bed_elevation, least);
       for (int k = 0; k < nwater; k++)
         z[k * n + c] = static_cast<float>(bed - depth * (1.0 - water_levels[k]));
     }

@@ -1,6 +1,6 @@
 // The solved mesh as a VTK legacy unstructured grid: positions in the
-// survey's units with z as elevation, hexahedra and tetrahedra, and the mesh
-// layer and Jacobian flag of each element as cell data.
+// survey's units with z as elevation (ten digits, for map coordinates), hexahedra and tetrahedra,
+// and the mesh layer and Jacobian flag of each element as cell data.
 #include <cstdio>
 
 #include "core/data_set.h"
@@ -25,10 +25,10 @@ int Write_Mesh_Vtk(Data_Set &ds, const char *path) {
   const double sp = ds.spxx;
   std::fprintf(f, "# vtk DataFile Version 3.0\nOhmvol3D finite-element mesh\nASCII\n"
                   "DATASET UNSTRUCTURED_GRID\n");
-  std::fprintf(f, "POINTS %d float\n", ss.number_nodes_ss);
+  std::fprintf(f, "POINTS %d double\n", ss.number_nodes_ss);
   for (int s = 0; s < ss.number_nodes_ss; s++)
-    std::fprintf(f, "%.6g %.6g %.6g\n", ss.xnodess[s] * sp + ds.xmin, ss.ynodess[s] * sp + ds.ymin,
-                 (g.topo_reference - ss.znodess[s]) * sp);
+    std::fprintf(f, "%.10g %.10g %.10g\n", ss.xnodess[s] * sp + ds.xmin,
+                 ss.ynodess[s] * sp + ds.ymin, (g.topo_reference - ss.znodess[s]) * sp);
   const int64_t ne = ss.number_elements;
   std::fprintf(f, "CELLS %lld %lld\n", static_cast<long long>(ne),
                static_cast<long long>(ss.num_hex * 9 + ss.num_tet * 5));

@@ -98,20 +98,24 @@ int Model_Grid::Set_Model_Layers(Data_Set &ds, int zsize, int nmodel_max_in) {
     }
     const double limit = scaledepth * psdepthmax;
     nlayers = 1;
+    bool floor = false;
     for (int i = 1; i < zbl_generated - 1; i++) {
       if (!(limit > zbl[i]))
         break;
       if (tank_limit && !(tank_depth - 0.01 > zbl[i + 1])) {
         zbl[i] = static_cast<float>(tank_depth);
+        floor = true;
         break;
       }
       nlayers++;
     }
-    if (psdepthmax > 1.02)
+    // A tank's floor is the model's bottom: no layer goes below it.
+    if (psdepthmax > 1.02 && !floor)
       nlayers++;
     nlayers = std::min(nlayers, zbl_generated - 1);
-    // t carries on from the last generated layer.
-    t = zbl[nlayers] - zbl[nlayers - 1];
+    // t carries on from the last layer (the generated one where a tank's
+    // floor cut the last layer short).
+    t = std::max(zbl[nlayers] - zbl[nlayers - 1], zbl[nlayers + 1] - zbl[nlayers]);
   }
   for (int i = nlayers + 1; i <= zsize; i++) {
     zbl[i] = static_cast<float>(zbl[i - 1] + t);
@@ -204,7 +208,8 @@ void Model_Grid::Calculate_Blocks_Volumes(int mesh_setting) {
       cz[c] = zn[node];
     }
     double v = Hexahedron_Volume(cx, cy, cz);
-    if (v / previous > 10000.0)
+    // A collapsed block before (volume 0) sets no bound.
+    if (previous > 0.0 && v / previous > 10000.0)
       v = previous * 10000.0;
     b.vol_mesh = static_cast<float>(v);
     blocks_topo[m].vol_mesh = b.vol_mesh;
