@@ -3,6 +3,7 @@
 // after showing its message.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 
 class Data_Set;
@@ -57,6 +58,22 @@ constexpr int hex_local_corner[8] = {0, 4, 5, 1, 2, 6, 7, 3};
 // only double rounding separates them (about 1e-14 for a few dozen
 // tetrahedra); any folded tetrahedron makes a difference of its own size.
 constexpr double transition_volume_tolerance = 1e-9;
+
+// Six times the signed volume of the tetrahedron p[0..3].
+inline double Tet_Volume6(const double p[4][3]) {
+  double a[3][3];
+  for (int c = 0; c < 3; c++)
+    for (int d = 0; d < 3; d++)
+      a[c][d] = p[c + 1][d] - p[0][d];
+  return a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
+         a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
+         a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
+}
+// A transition block's tetrahedra with these sums of signed and of absolute
+// volumes do not fill the volume its boundary encloses: one is folded over.
+inline bool Tetrahedra_Folded(double signed_sum, double abs_sum) {
+  return std::fabs(std::fabs(signed_sum) - abs_sum) > transition_volume_tolerance * abs_sum;
+}
 
 // --- Checks and output ----------------------------------------------------------------
 // Volume of element `e` from its positions.

@@ -16,14 +16,11 @@ double Element_Volume(const Data_Set &ds, int64_t e) {
     return static_cast<double>(d == 0 ? ss.xnodess[s] : d == 1 ? ss.ynodess[s] : ss.znodess[s]);
   };
   if (el.tet) {
-    double a[3][3];
-    for (int c = 0; c < 3; c++)
+    double p[4][3];
+    for (int c = 0; c < 4; c++)
       for (int d = 0; d < 3; d++)
-        a[c][d] = pos(el.node[c + 1], d) - pos(el.node[0], d);
-    const double v = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
-                     a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-                     a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
-    return std::fabs(v) / 6.0;
+        p[c][d] = pos(el.node[c], d);
+    return std::fabs(Tet_Volume6(p)) / 6.0;
   }
   double p[8][3];
   for (int c = 0; c < 8; c++)
@@ -52,6 +49,7 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
   const SemiStructured &ss = ds.Semistructured;
   Mesh_Check r;
   r.vol_grid = ss.vol_grid;
+  r.vol_elements = ss.vol_elements; // summed when the mesh was made
   auto main_of = [&](int node) {
     const int m = ss.node_ss_to_main0[node - 1];
     return Main_Point{m % g.lx, (m / g.lx) % g.ly, m / g.lxy};
@@ -60,7 +58,6 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
   std::vector<Quad> quads;
   for (int64_t e = 0; e < ss.number_elements; e++) {
     const Element &el = ss.elements[e];
-    r.vol_elements += Element_Volume(ds, e);
     for (int c = 0; c < el.nnodes; c++) {
       const int k = main_of(el.node[c]).k;
       if (k != el.layer - 1 && k != el.layer)
@@ -158,20 +155,17 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
            ss.elements[f].layer == layer;
          f++) {
       const Element &el = ss.elements[f];
-      double a[3][3];
-      for (int c = 0; c < 3; c++) {
-        a[c][0] = static_cast<double>(el.x[c + 1]) - el.x[0];
-        a[c][1] = static_cast<double>(el.y[c + 1]) - el.y[0];
-        a[c][2] = static_cast<double>(el.z[c + 1]) - el.z[0];
+      double p[4][3];
+      for (int c = 0; c < 4; c++) {
+        p[c][0] = el.x[c];
+        p[c][1] = el.y[c];
+        p[c][2] = el.z[c];
       }
-      const double v = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
-                       a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-                       a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
+      const double v = Tet_Volume6(p);
       signed_sum += v;
       sum += std::fabs(v);
     }
-    if (std::fabs(std::fabs(signed_sum) - sum) > transition_volume_tolerance * sum)
-      r.bad_volumes++;
+    r.bad_volumes += Tetrahedra_Folded(signed_sum, sum);
     e = f;
   }
   return r;

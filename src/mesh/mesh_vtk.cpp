@@ -37,16 +37,13 @@ int Write_Mesh_Vtk(Data_Set &ds, const char *path) {
     if (el.tet) {
       // Positive orientation in the elevation frame.
       int n[4] = {el.node[0], el.node[1], el.node[2], el.node[3]};
-      double a[3][3];
-      for (int c = 0; c < 3; c++) {
-        a[c][0] = el.x[c + 1] - el.x[0];
-        a[c][1] = el.y[c + 1] - el.y[0];
-        a[c][2] = -(el.z[c + 1] - el.z[0]);
+      double p[4][3];
+      for (int c = 0; c < 4; c++) {
+        p[c][0] = el.x[c];
+        p[c][1] = el.y[c];
+        p[c][2] = -el.z[c];
       }
-      const double v = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
-                       a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-                       a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
-      if (v < 0) {
+      if (Tet_Volume6(p) < 0) {
         const int t = n[1];
         n[1] = n[2];
         n[2] = t;

@@ -133,7 +133,10 @@ public:
   // Water levels: fraction of the local water depth at each water node.
   float water_levels[16] = {};
   // Z node range of each layer (from 1, with the water nodes).
+  // The last layer also takes the bottom buffer; zn_last_layer is the z node
+  // (from 1, without water) at zbl[nlayers] itself.
   int layer_nz1[zbl_capacity + 1] = {}, layer_nz2[zbl_capacity + 1] = {};
+  int zn_last_layer = 0;
   // Topography of the mesh.
   double topo_reference = 0.0; // elevation (normalised) that depth 0 stands for
   double topo_damp_used = 0.0; // damping factor after the fold-over guard

@@ -235,6 +235,7 @@ void Model_Grid::Set_Model_Blocks_Volumes_And_Mesh_Limits() {
     layer_nz1[k] = layer_nz2[k - 1];
     layer_nz2[k] = layer_nz1[k] + step;
   }
+  zn_last_layer = layer_nz2[nlayers] - nwater;
   layer_nz2[nlayers] = lz + nwater;
   const int npu = nodes_per_unit_spacing;
   for (int k = 1; k <= nlayers; k++)

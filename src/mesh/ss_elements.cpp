@@ -122,14 +122,6 @@ uint64_t Own_Points(int span_x, int span_y, int sx, int sy) {
   return Block_Points(f);
 }
 
-double Tet_Volume6(const float *x, const float *y, const float *z) {
-  const double a[3] = {double(x[1]) - x[0], double(y[1]) - y[0], double(z[1]) - z[0]};
-  const double b[3] = {double(x[2]) - x[0], double(y[2]) - y[0], double(z[2]) - z[0]};
-  const double c[3] = {double(x[3]) - x[0], double(y[3]) - y[0], double(z[3]) - z[0]};
-  return a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) +
-         a[2] * (b[0] * c[1] - b[1] * c[0]);
-}
-
 // Volume check of a transition block at its real positions. The lattice
 // check of its pattern proved that the tetrahedra fill the block; here vol1
 // is the volume the block's boundary encloses (the signed sum of its
@@ -140,19 +132,19 @@ int Check_Block_Volume(Data_Set &ds, const Element *tets, int64_t ntets, int i0,
   const Model_Grid &g = ds.Model_grid;
   double vol1 = 0.0, vol2 = 0.0;
   for (int64_t t = 0; t < ntets; t++) {
-    float px[4], py[4], pz[4];
+    double p[4][3];
     for (int c = 0; c < 4; c++) {
-      px[c] = g.xn[tets[t].node[c]];
-      py[c] = g.yn[tets[t].node[c]];
-      pz[c] = g.zn[tets[t].node[c]];
+      p[c][0] = g.xn[tets[t].node[c]];
+      p[c][1] = g.yn[tets[t].node[c]];
+      p[c][2] = g.zn[tets[t].node[c]];
     }
-    const double v = Tet_Volume6(px, py, pz) / 6.0;
+    const double v = Tet_Volume6(p) / 6.0;
     vol1 += v;
     vol2 += std::fabs(v);
   }
-  vol1 = std::fabs(vol1);
-  if (std::fabs(vol1 - vol2) <= transition_volume_tolerance * vol2)
+  if (!Tetrahedra_Folded(vol1, vol2))
     return 0;
+  vol1 = std::fabs(vol1);
   return Refuse_Always(ds, "Error Message",
                        "Error in cell %d,%d,%d for model block %d\nvol1 %14.6e vol2 %14.6e diff "
                        "%14.6e",

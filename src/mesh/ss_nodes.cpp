@@ -306,11 +306,7 @@ int Set_SemiStructured_Mesh(Data_Set &ds) {
   SemiStructured &ss = ds.Semistructured;
   if (Generate_Mesh_Lines(ds))
     return 1;
-  const int s = std::clamp(g.nodes_per_layer_setting, 0, 3);
-  const int first = s <= 1 ? 2 : s + 1;
-  // z node (from 1, without water) at the bottom of the last layer.
-  const int zn1_last_layer = 1 + first + (g.nlayers - 1) * (s + 1);
-  ss.Find_ngridz(s, g.reduceside, zn1_last_layer, g.nwater);
+  ss.Find_ngridz(g.nodes_per_layer_setting, g.reduceside, g.zn_last_layer, g.nwater);
   ss.Set_Jacobian_Limits(g.reduceside, g.ixfirst, g.jyfirst, g.ngridx, g.ngridy, g.nwater);
   int ierr;
   if (ss.use_dense_rect_mesh == 1) {

@@ -12,6 +12,7 @@
 
 #include "core/data_set.h"
 #include "core/trace.h"
+#include "mesh/mesh.h"
 #include "survey/survey_text.h"
 
 namespace {
@@ -116,15 +117,7 @@ void Triangulate_Face(const Face &f, uint64_t points,
     }
 }
 
-double Lattice_Volume6(const int *p0, const int *p1, const int *p2, const int *p3) {
-  const double a[3] = {double(p1[0] - p0[0]), double(p1[1] - p0[1]), double(p1[2] - p0[2])};
-  const double b[3] = {double(p2[0] - p0[0]), double(p2[1] - p0[1]), double(p2[2] - p0[2])};
-  const double c[3] = {double(p3[0] - p0[0]), double(p3[1] - p0[1]), double(p3[2] - p0[2])};
-  return a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) +
-         a[2] * (b[0] * c[1] - b[1] * c[0]);
-}
-
-void Bit_Position(int bit, int *p) {
+template <class T> void Bit_Position(int bit, T *p) {
   p[0] = bit % 5;
   p[1] = (bit / 5) % 5;
   p[2] = bit / 25;
@@ -137,10 +130,10 @@ bool Valid_Pattern(const Block_Faces &f, const Tet_List &tets,
   double vol6 = 0.0;
   std::map<std::array<unsigned char, 3>, int> faces;
   for (const auto &t : tets) {
-    int p[4][3];
+    double p[4][3];
     for (int k = 0; k < 4; k++)
       Bit_Position(t[k], p[k]);
-    const double v = Lattice_Volume6(p[0], p[1], p[2], p[3]);
+    const double v = Tet_Volume6(p); // exact: small integers
     if (v == 0.0)
       return false;
     vol6 += std::fabs(v);
