@@ -1,6 +1,7 @@
 // ohmvol3d: the batch front end. Each subcommand runs the core's commands
 // with their gates; no dialog ever waits for a person.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "core/ivp_file.h"
 #include "core/messages.h"
 #include "core/settings_table.h"
+#include "forward/synthetic.h"
 #include "mesh/mesh.h"
 #include "survey/survey.h"
 
@@ -82,6 +84,37 @@ int Run_Mesh(Data_Set &ds, const Cli_Options &opt) {
     return 1;
   const std::string *vtk = Named_Option(opt, "--vtk");
   return Call_Generate_Mesh(ds, vtk ? vtk->c_str() : nullptr) ? 1 : 0;
+}
+
+// forward DATA.dat --model MODEL.txt -o SYNTH.dat [--noise PCT] [--seed N]
+int Run_Forward(Data_Set &ds, const Cli_Options &opt) {
+  const std::string *model = Named_Option(opt, "--model"), *out = Named_Option(opt, "-o");
+  const std::string *noise = Named_Option(opt, "--noise"), *seed = Named_Option(opt, "--seed");
+  if (opt.args.size() != 1 || !model || !out)
+    return Usage_Error("forward needs a data file name, --model MODEL.txt and -o SYNTH.dat");
+  char *end = nullptr;
+  const double pct = noise ? std::strtod(noise->c_str(), &end) : 0.0;
+  if (noise && (end == noise->c_str() || *end || !(pct >= 0.0 && pct <= 100.0)))
+    return Usage_Error("--noise needs a percentage from 0 to 100, not '" + *noise + "'");
+  const unsigned long long sd = seed ? std::strtoull(seed->c_str(), &end, 10) : 1;
+  if (seed && (end == seed->c_str() || *end))
+    return Usage_Error("--seed needs a whole number, not '" + *seed + "'");
+  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
+    return 1;
+  Synthetic_Model m;
+  if (Read_Synthetic_Model(ds, model->c_str(), m))
+    return 1;
+  return Forward_Synthetic_Data(ds, m, out->c_str(), pct, static_cast<unsigned>(sd)) ? 1 : 0;
+}
+
+// check-mesh DATA.dat
+int Run_Check_Mesh(Data_Set &ds, const Cli_Options &opt) {
+  if (opt.args.size() != 1)
+    return Usage_Error("check-mesh needs one data file name");
+  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
+    return 1;
+  Mesh_Accuracy acc;
+  return Check_Mesh_Half_Space(ds, acc) ? 1 : 0;
 }
 
 // Subcommands whose work is not built yet go through their command ids, so
@@ -159,6 +192,10 @@ int main(int argc, char **argv) {
     result = Run_Read(ds, opt);
   else if (sub == "mesh")
     result = Run_Mesh(ds, opt);
+  else if (sub == "forward")
+    result = Run_Forward(ds, opt);
+  else if (sub == "check-mesh")
+    result = Run_Check_Mesh(ds, opt);
   else
     result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);

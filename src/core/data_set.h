@@ -13,6 +13,7 @@
 #include "core/limits.h"
 #include "core/system_config.h"
 #include "core/temp_files.h"
+#include "forward/fem_state.h"
 #include "inversion/ls_method.h"
 #include "mesh/model_grid.h"
 #include "mesh/semi_structured.h"
@@ -44,6 +45,7 @@ public:
   LS_Method LS_method;
   Data_Filter Data_filter;
   SemiStructured Semistructured;
+  Fem_State Fem; // capacitance matrix, electrode nodes, potentials, calculated data
   Sens_Reso Sens_reso;
   Vector_Para Vector_para;
 

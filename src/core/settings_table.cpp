@@ -479,7 +479,7 @@ const Setting_Entry settings_table[] = {
     {"nbuffer_bottom", "Number of bottom buffer nodes (6 to 14)", "%d", SK_INT, 6, 16,
      [](Data_Set &d) -> void * { return &d.Model_grid.nbuffer_bottom; },
      "Finite-element mesh settings",
-     "enough buffer below the model for the bottom boundary to be far",
+     "the bottom boundary far enough for 2 % on a half-space with dipole-dipole and pole-dipole data (check-mesh)",
      nullptr},
     {"reduce_damping_factor", "Factor to reduce damping factor with each iteration (0.35 to 0.95)", "%.3f", SK_REAL, 0.35, 0.95,
      [](Data_Set &d) -> void * { return &d.LS_method.reduce_damping_factor; },

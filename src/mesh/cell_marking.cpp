@@ -2,6 +2,8 @@
 // marks decide how dense the adaptive mesh is in each cell.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <vector>
 
 #include "core/data_set.h"
 #include "core/trace.h"
@@ -46,6 +48,22 @@ int Mark_Cells(Model_Grid &g, double xpos, double ypos, int r, bool set_all) {
         c = 0;
     }
   return 1 + y0 * nbx + x0;
+}
+
+// Index of the first of `n` lines at or past v.
+int First_Line_At(const double *lines, int n, double v) {
+  const int64_t p = Thousandths(v);
+  int i = 0;
+  while (i < n && Thousandths(lines[i]) < p)
+    i++;
+  return i;
+}
+
+// Cell (i, j) holds (x, y) in its closed rectangle.
+bool Touches(const Model_Grid &g, int i, int j, double x, double y) {
+  const int64_t px = Thousandths(x), py = Thousandths(y);
+  return Thousandths(g.xgrid[i]) <= px && px <= Thousandths(g.xgrid[i + 1]) &&
+         Thousandths(g.ygrid[j]) <= py && py <= Thousandths(g.ygrid[j + 1]);
 }
 
 } // namespace
@@ -93,12 +111,34 @@ int Check_Model_Cell_Electrodes_Levels(Data_Set &ds) {
   g.num_dense = 0;
   for (int c = 0; c < g.num_cells; c++)
     g.num_dense += g.cellxy_elec[c] > 0;
+  // The outer ring of the plan is made coarse, except cells with an
+  // electrode on them (edges included): an electrode must never sit on the
+  // boundary between a dense and a coarse block, where the hexahedra meet
+  // the tetrahedra of a transition block. Those cells are counted.
+  std::vector<uint8_t> holds(g.num_cells, 0);
+  for (int e = 0; e < n; e++) {
+    if (!ds.pe[e].used)
+      continue;
+    // The first line at or past the electrode: the cells on both sides of
+    // it may hold the electrode.
+    const int i1 = First_Line_At(g.xgrid, g.ngridx, ds.pe[e].x);
+    const int j1 = First_Line_At(g.ygrid, g.ngridy, ds.pe[e].y);
+    for (int j = std::max(j1 - 1, 0); j <= std::min(j1, nby - 1); j++)
+      for (int i = std::max(i1 - 1, 0); i <= std::min(i1, nbx - 1); i++)
+        if (Touches(g, i, j, ds.pe[e].x, ds.pe[e].y))
+          holds[static_cast<int64_t>(j) * nbx + i] = 1;
+  }
   g.edge_dense = 0;
   for (int j = 0; j < nby; j++)
     for (int i = 0; i < nbx; i++) {
-      int &c = g.cellxy_elec[static_cast<int64_t>(j) * nbx + i];
-      if ((i == 0 || j == 0 || i == nbx - 1 || j == nby - 1) && c == 1)
-        c = 0;
+      const int64_t k = static_cast<int64_t>(j) * nbx + i;
+      int &c = g.cellxy_elec[k];
+      if ((i == 0 || j == 0 || i == nbx - 1 || j == nby - 1) && c == 1) {
+        if (holds[k])
+          g.edge_dense++;
+        else
+          c = 0;
+      }
     }
   TRACE("Number of dense cells A %d\nModel grid %d x %d. Cells marked as dense. edge_dense %d\n\n",
         g.num_dense, g.ngridx, g.ngridy, g.edge_dense);

@@ -8,6 +8,35 @@
 #include "mesh/plan_blocks.h"
 #include "survey/survey_text.h"
 
+namespace {
+
+// Division in x and y (4, 2 or 1) of a block of plan mark `mark` at z level
+// k: dense levels down to l0, then two transition levels.
+void Level_Division(int mark, int k, int l0, int &sx, int &sy, int &flag) {
+  sx = sy = flag = 1;
+  if (k <= l0) {
+    sx = sy = mark == 1 ? 4 : mark == 0 ? 2 : 1;
+  } else if (k == l0 + 1) {
+    if (mark == 1) {
+      sx = 4;
+      sy = 2;
+      flag = 0;
+    } else if (mark == 0) {
+      sx = sy = 2;
+    }
+  } else if (k <= l0 + 3) {
+    if (mark == 1) {
+      sx = sy = 2;
+    } else if (mark == 0) {
+      sx = 2;
+      sy = 1;
+      flag = 0;
+    }
+  }
+}
+
+} // namespace
+
 int Convert_Model_Cell_to_Mesh_Cell(Data_Set &ds) {
   const Model_Grid &g = ds.Model_grid;
   SemiStructured &ss = ds.Semistructured;
@@ -28,36 +57,34 @@ int Convert_Model_Cell_to_Mesh_Cell(Data_Set &ds) {
   const int l0 = g.nwater + ss.num_fine_used - 1;
   const bool all_dense = ss.use_dense_rect_mesh == 2;
   const int nbx = g.ngridx - 1;
+  constexpr int follow_buffer = 6;
   ss.n4 = ss.n42 = ss.n2 = ss.n21 = ss.n1 = 0;
   for (int k = 1; k <= ss.nblk_z; k++)
     for (int bj = 0; bj < ss.nblk_y; bj++)
       for (int bi = 0; bi < ss.nblk_x; bi++) {
         const int64_t c = (k - 1) * plan + static_cast<int64_t>(bj) * ss.nblk_x + bi;
         int sx = 1, sy = 1, flag = 1;
-        if (ax.Interior(bi) && ay.Interior(bj)) {
-          const int mark = all_dense
-                               ? 1
-                               : g.cellxy_elec[static_cast<int64_t>(bj - (g.jyfirst - 1)) * nbx +
-                                               (bi - (g.ixfirst - 1))];
-          if (k <= l0) {
-            sx = sy = mark == 1 ? 4 : mark == 0 ? 2 : 1;
-          } else if (k == l0 + 1) {
-            if (mark == 1) {
-              sx = 4;
-              sy = 2;
-              flag = 0;
-            } else if (mark == 0) {
-              sx = sy = 2;
-            }
-          } else if (k <= l0 + 3) {
-            if (mark == 1) {
-              sx = sy = 2;
-            } else if (mark == 0) {
-              sx = 2;
-              sy = 1;
-              flag = 0;
-            }
-          }
+        const bool in_x = ax.Interior(bi), in_y = ay.Interior(bj);
+        // The first buffer blocks beside the grid take, along the grid's
+        // edge, the division of the interior block beside them, so that no
+        // transition block stands on the grid's outer lines (where
+        // electrodes may lie); the transition comes further out, inside the
+        // mesh.
+        const int out_x = in_x                ? 0
+                          : bi < ax.first - 1 ? ax.first - 1 - bi
+                                              : bi - (ax.first - 2 + ax.ngrid);
+        const int out_y = in_y                ? 0
+                          : bj < ay.first - 1 ? ay.first - 1 - bj
+                                              : bj - (ay.first - 2 + ay.ngrid);
+        if ((in_x || in_y) && out_x <= follow_buffer && out_y <= follow_buffer) {
+          const int ci = std::clamp(bi - (g.ixfirst - 1), 0, nbx - 1);
+          const int cj = std::clamp(bj - (g.jyfirst - 1), 0, g.ngridy - 2);
+          const int mark = all_dense ? 1 : g.cellxy_elec[static_cast<int64_t>(cj) * nbx + ci];
+          Level_Division(mark, k, l0, sx, sy, flag);
+          if (!in_x)
+            sx = 1;
+          if (!in_y)
+            sy = 1;
         }
         ss.sub_x[c] = static_cast<unsigned char>(sx);
         ss.sub_y[c] = static_cast<unsigned char>(sy);

@@ -63,7 +63,7 @@ public:
   int nodes_bore_elec = 2;         // mesh spacings between adjacent borehole electrodes
   int ext_boundary_nodes = 0;      // extended boundary: 0 standard, 1 medium, 2 high
   int nbuffer_xy = 12;             // buffer nodes in x and in y
-  int nbuffer_bottom = 8;          // buffer nodes below the lowest layer
+  int nbuffer_bottom = 10;         // buffer nodes below the lowest layer
   double buffer_rate = 1.2;        // growth rate of the buffer spacings
   int adjust_buffer_nodes = 1;     // fewer buffer nodes under the adaptive mesh
 
@@ -141,6 +141,12 @@ public:
   double topo_reference = 0.0; // elevation (normalised) that depth 0 stands for
   double topo_damp_used = 0.0; // damping factor after the fold-over guard
 
+  // Conductivity of each main mesh cell, (lx - 1) (ly - 1) (lzw - 1) values,
+  // x fastest, z levels from the top with the water levels; imaginary part
+  // only for complex modelling.
+  int64_t num_cxyz = 0;
+  Block_Array<float> cxyz_r, cxyz_i;
+
   // Main node number (from 0) of mesh point (i, j, k), each from 1.
   int64_t Node(int i, int j, int k) const {
     return (i - 1) + (static_cast<int64_t>(j - 1) + static_cast<int64_t>(k - 1) * ly) * lx;
@@ -175,6 +181,12 @@ public:
   int Copy_XY_Node_Positions_To_3D_Mesh(Data_Set &ds, int64_t limit);
   void Set_3D_Mesh_Z_Node_Values(const Data_Set &ds);
   void Check_Buffer_Nodes_XY(const Data_Set &ds);
+
+  // Mesh cell conductivities from the resistivity of each model block
+  // (bounded to 0.00011..900000), with water and fixed regions laid over.
+  // The complex form takes a phase value p per block: 1 / (r + i r p).
+  int Set_Conductivity(Data_Set &ds, const float *res);
+  int Set_Conductivity_Cmplx(Data_Set &ds, const float *res, const float *phase);
 
   // Topography.
   double Find_Maximum_Topography_Z_Shift() const;

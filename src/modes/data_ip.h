@@ -25,6 +25,7 @@ public:
 
   // IP forward model and Jacobian.
   int complex_forward_model = 0; // 0 linear perturbation, 1 complex resistivity
+  int ipcmplx = 0;               // the forward model in use is complex
   // Complex model values from 0 the real potentials, 1 the amplitude of the potentials.
   int complex_forward_model_type_method_cal_app_values = 0;
   int compress_ip_jacobian_direct = 1; // compress the IP Jacobian rows without a file

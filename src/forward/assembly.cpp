@@ -1,0 +1,151 @@
+// Assembly of the capacitance matrix: element matrices in double precision,
+// times the element's conductivity, into the row store; outer hexahedron
+// faces take the mixed boundary term.
+#include <algorithm>
+#include <cstdio>
+
+#include "core/data_set.h"
+#include "core/messages.h"
+#include "core/temp_files.h"
+#include "core/trace.h"
+#include "forward/element_matrices.h"
+#include "forward/forward.h"
+#include "survey/survey_text.h"
+
+namespace {
+
+void Element_Points(const Element &el, double p[8][3]) {
+  for (int c = 0; c < el.nnodes; c++) {
+    p[c][0] = el.x[c];
+    p[c][1] = el.y[c];
+    p[c][2] = el.z[c];
+  }
+}
+
+// One element into the store; returns the failed inserts. `unit` (10 or 32
+// values) receives the unit-conductivity matrix when not null.
+int Add_Element(CooMatrix64 &m, const Element &el, double xmid, double ymid, float *unit) {
+  double p[8][3];
+  Element_Points(el, p);
+  const double sr = el.cond_r, si = el.cond_i;
+  int fail = 0;
+  if (el.tet) {
+    double k[tet_values];
+    Tet_Element_Matrix(p, k);
+    for (int v = 0; v < tet_values; v++) {
+      fail += m.add(el.node[tet_pairs[v][0]], el.node[tet_pairs[v][1]], k[v] * sr, k[v] * si);
+      if (unit)
+        unit[v] = static_cast<float>(k[v]);
+    }
+    return fail;
+  }
+  double k[hex_values];
+  Hex_Element_Matrix(p, k);
+  for (int v = 0; v < hex_values; v++) {
+    fail += m.add(el.node[hex_pairs[v][0]], el.node[hex_pairs[v][1]], k[v] * sr, k[v] * si);
+    if (unit)
+      unit[v] = static_cast<float>(k[v]);
+  }
+  for (int f = 0; f < 5; f++) {
+    if (!(el.faces & (1 << f)))
+      continue;
+    double q[4][3];
+    for (int c = 0; c < 4; c++)
+      for (int d = 0; d < 3; d++)
+        q[c][d] = p[hex_face_nodes[f][c]][d];
+    const double g = Boundary_Face_Coefficient(q, hex_face_axis[f], xmid, ymid);
+    const float gr = static_cast<float>(g * sr), gi = static_cast<float>(g * si);
+    double mr[10], mi[10];
+    Boundary_Face_Matrix(gr, mr);
+    Boundary_Face_Matrix(gi, mi);
+    for (int v = 0; v < 10; v++)
+      fail += m.add(el.node[hex_face_nodes[f][face_pairs[v][0]]],
+                    el.node[hex_face_nodes[f][face_pairs[v][1]]], mr[v], mi[v]);
+  }
+  return fail;
+}
+
+// Writes n values in chunks (min(n / 2, 1048576) above 1048576 values).
+int Write_Store(const std::string &path, const float *v, int64_t n) {
+  FILE *f = std::fopen(path.c_str(), "wb");
+  if (!f)
+    return 2;
+  const int64_t chunk = Chunk_Values(n);
+  int64_t done = 0;
+  bool ok = true;
+  while (ok && done < n) {
+    const int64_t m = std::min(chunk, n - done);
+    ok = std::fwrite(v + done, sizeof(float), m, f) == static_cast<size_t>(m);
+    done += m;
+  }
+  return std::fclose(f) == 0 && ok ? 0 : 1;
+}
+
+} // namespace
+
+int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string &store_path) {
+  SemiStructured &ss = ds.Semistructured;
+  Fem_State &fem = ds.Fem;
+  CooMatrix64 &m = fem.coomatrix64;
+  const int64_t ne = ss.number_elements;
+  if (jacob) {
+    if (fem.cp_offset.Resize(ds, ne + 1, "element store offsets"))
+      return 1;
+    for (int64_t e = 0; e < ne; e++)
+      fem.cp_offset[e + 1] = fem.cp_offset[e] + (ss.elements[e].tet ? tet_values : hex_values);
+    if (fem.cp18.Resize(ds, fem.cp_offset[ne], "element store"))
+      return 1;
+  }
+  const double xmid = ss.xmid, ymid = ss.ymid;
+  // Elements of one z level touch the nodes of two adjacent levels only, so
+  // levels of the same parity never share a row of the store: each parity
+  // runs in parallel without locks.
+  int fail = 0;
+  for (int parity = 1; parity >= 0; parity--) {
+    progress(ds,
+             parity ? "Calculating capacitence matrix semistructured 1"
+                    : "Calculating capacitence matrix semistructured 2",
+             parity ? 0.0 : 0.5);
+    const int nlev = ss.nlevels;
+#pragma omp parallel for schedule(dynamic, 1) reduction(+ : fail)
+    for (int k = 1; k <= nlev; k++) {
+      if ((k & 1) != parity)
+        continue;
+      for (int64_t e = ss.level_first[k - 1]; e < ss.level_first[k]; e++)
+        fail += Add_Element(m, ss.elements[e], xmid, ymid,
+                            jacob ? fem.cp18.data() + fem.cp_offset[e] : nullptr);
+    }
+  }
+  if (fail) {
+    show_message(ds, "Error in calculating capacitence matrix", "Message Fix OMP");
+    return fail;
+  }
+  if (jacob) {
+    progress(ds, "Saving capacitence matrix semistructured", 0.9);
+    if (Write_Store(store_path, fem.cp18.data(), fem.cp_offset[ne])) {
+      Show_Text(ds, "Message", MK_WARNING, "Unable to create the file %s", store_path.c_str());
+      jacob = 0;
+    }
+  }
+  progress(ds, "Calculating capacitence matrix semistructured completed", 1.0);
+  return 0;
+}
+
+int Set_Up_Cap_Matrix_Blk(Data_Set &ds, int jacob, const std::string &store_path) {
+  SemiStructured &ss = ds.Semistructured;
+  const bool cmplx = ds.Data_ip.ipcmplx == 1;
+  Set_Mesh_Cell_Cond_ss(ds, cmplx);
+  CooMatrix64 &m = ds.Fem.coomatrix64;
+  if (m.Allocate_COO(ds, ss.number_nodes_ss, cmplx ? 1 : 0))
+    return 1;
+  m.nx = ds.Model_grid.lx;
+  m.ny = ds.Model_grid.ly;
+  m.nz = ds.Model_grid.lzw;
+  ss.Calculate_Mid_Point();
+  int j = jacob;
+  const int fail = Calculate_FEM_Cap_Matrix_Fix_OMP(ds, j, store_path);
+  ds.Fem.jacob = j;
+  TRACE("Set_Up_Cap_Matrix_Blk nodes %lld elements %lld errors %d\n", static_cast<long long>(m.n),
+        static_cast<long long>(ss.number_elements), fail);
+  return fail;
+}

@@ -1,0 +1,87 @@
+// The finite-element forward model: from a model of resistivity (and phase)
+// to the potentials of every source electrode, the calculated apparent
+// resistivities and the data misfit. Operations return 0 on success or a
+// positive failure after showing their message.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class Data_Set;
+class Model_Grid;
+struct Electrode_Nodes;
+
+// --- Assembly -------------------------------------------------------------------
+// Each element's conductivity from the mesh cell under its centre.
+void Set_Mesh_Cell_Cond_ss(Data_Set &ds, bool complex_values);
+// Conductivities on the elements, the row store and the parallel assembly;
+// with `jacob` the unit-conductivity element values go to `store_path`.
+// Returns the count of failed inserts (or 1 on a failed allocation).
+int Set_Up_Cap_Matrix_Blk(Data_Set &ds, int jacob, const std::string &store_path);
+int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string &store_path);
+
+// --- Library solve ----------------------------------------------------------------
+// Analysis, factorisation and batched solves with MUMPS (single precision,
+// refined in double), saving the potentials of every batch.
+int Use_MUMPS_Solver(Data_Set &ds);
+// The block solver serves only a single mesh of 255 or more electrodes.
+void Check_Generic_Solver_Settings(Data_Set &ds);
+
+// --- Electrodes --------------------------------------------------------------------
+// Nodes and weights of an electrode at normalised (x, y) and flat depth z on
+// the main mesh; `surface` uses the plan weights alone.
+void Point_Electrode_Nodes(const Model_Grid &g, double x, double y, double depth, bool surface,
+                           int floating, Electrode_Nodes &en);
+// Node lists of every used electrode (or dipole), mapped to the solved mesh.
+int Set_Electrode_Nodes(Data_Set &ds);
+int set_elec_positions_node_semistructured(Data_Set &ds);
+// The dipoles of the data set: every current and potential pair.
+int Check_Number_Dipoles_Data_Set(Data_Set &ds);
+// Nudging of surface nodes to the electrodes (before the 3-D copy).
+int Check_Two_Electrodes_Nudge_Same_Node_Nearest_Surface(Data_Set &ds);
+void Shift_Nearest_Surface_Node(Model_Grid &g, double dist, int i, int j, double x, double y);
+void Nudge_Surface_Nodes(Data_Set &ds);
+
+// --- Potentials ----------------------------------------------------------------------
+// The sources in solving order; `jacob` 0 leaves the last one out.
+int Set_Source_List(Data_Set &ds, int jacob);
+// Right-hand sides of sources list[0..nblk-1] (interleaved pairs if complex).
+int set_elec_numbers_ss(Data_Set &ds, int nblk, const int *list, float *rhs, bool complex_values);
+// Empties the potential files before the first batch.
+int Reset_Potential_Files(Data_Set &ds, int jacob);
+// Saves the electrode rows (and with `jacob` the whole fields) of a batch
+// whose solutions x are nblk columns of neqns values (pairs if complex).
+int seq_save_vpot_nblk_ss(Data_Set &ds, int nblk, const int *list, const float *x,
+                          bool complex_values);
+int Save_Pot_Jacob(Data_Set &ds, int nblk, const int *list, const float *x, bool complex_values);
+
+// --- Apparent resistivity --------------------------------------------------------------
+// Entry V(a, b) of the electrode table (a, b from 1, a != b).
+inline int64_t Potential_Index(const int64_t *offset_pot, int a, int b) {
+  const int lo = a < b ? a : b, hi = a < b ? b : a;
+  return offset_pot[lo - 1] + hi - (lo + 1);
+}
+int Cal_App_Resis_Real(Data_Set &ds);
+int Cal_App_Resis_cmplx_VC(Data_Set &ds);
+// Misfit of the calculated against the measured data; sets rmslog.
+double Cal_App_Resis_Diff(Data_Set &ds);
+double Cal_App_Resis_Diff_cmplx(Data_Set &ds);
+// Analytic apparent resistivity of a unit half-space for datum i, or a
+// negative value when there is none (topography, given factors).
+double Half_Space_Analytic_Ratio(const Data_Set &ds, int64_t i);
+
+// --- Driver -----------------------------------------------------------------------------
+// One forward model of block resistivities `res` (and IP values `ip` for a
+// complex model); with `jacob` the fields are stored for the Jacobian.
+int Forward_Model_LS(Data_Set &ds, const float *res, const float *ip, int jacob);
+int Select_Forward_Model(Data_Set &ds, const float *res, const float *ip, int jacob);
+int Forward_Model_Real(Data_Set &ds, const float *res, int jacob);
+int Forward_Model_Cmplx(Data_Set &ds, const float *res, const float *ip, int jacob);
+int Call_Forward_Model_Calculation(Data_Set &ds);
+int Forward_Model_FEM_MUMPS_ll_ss(Data_Set &ds);
+int Start_SemiStructured(Data_Set &ds);
+int Forward_Model_Memory_Check(Data_Set &ds);
+void Free_Arrays_ss(Data_Set &ds);
+// Factors of the normalisation: a homogeneous half-space on the same mesh
+// against its analytic values. Refused (returns 1) where none exist.
+int Set_Normalisation_Factors(Data_Set &ds);

@@ -1,0 +1,417 @@
+// The capacitance matrix solved with MUMPS: our own nested-dissection
+// ordering (computed once per mesh pattern), analysis, factorisation in
+// single precision, then batches of right-hand sides refined in double
+// precision against the assembled matrix.
+#include <cmumps_c.h>
+#include <dmumps_c.h>
+#include <metis.h>
+#include <omp.h>
+#include <smumps_c.h>
+#include <zmumps_c.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <complex>
+#include <vector>
+
+#include "core/data_set.h"
+#include "core/messages.h"
+#include "core/trace.h"
+#include "forward/forward.h"
+#include "survey/survey_text.h"
+
+namespace {
+
+constexpr int use_comm_world = -987654;
+
+using Clock = std::chrono::steady_clock;
+double Seconds_Since(Clock::time_point t0) {
+  return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+// The four arithmetics behind one interface.
+struct Mumps_S {
+  using Struc = SMUMPS_STRUC_C;
+  using Val = float;
+  static void Call(Struc *s) { smumps_c(s); }
+};
+struct Mumps_D {
+  using Struc = DMUMPS_STRUC_C;
+  using Val = double;
+  static void Call(Struc *s) { dmumps_c(s); }
+};
+struct Mumps_C {
+  using Struc = CMUMPS_STRUC_C;
+  using Val = mumps_complex;
+  static void Call(Struc *s) { cmumps_c(s); }
+};
+struct Mumps_Z {
+  using Struc = ZMUMPS_STRUC_C;
+  using Val = mumps_double_complex;
+  static void Call(Struc *s) { zmumps_c(s); }
+};
+
+uint64_t Pattern_Hash(const CooMatrix64 &m) {
+  uint64_t h = 1469598103934665603ull;
+  auto mix = [&h](int64_t v) {
+    h ^= static_cast<uint64_t>(v);
+    h *= 1099511628211ull;
+  };
+  for (int64_t i = 0; i <= m.n; i++)
+    mix(m.ia[i]);
+  for (int64_t k = 0; k < m.count; k++)
+    mix(m.ja[k]);
+  return h;
+}
+
+// Nested-dissection ordering of the matrix's graph by METIS, kept while the
+// pattern stays the same.
+int Set_Ordering(Data_Set &ds) {
+  CooMatrix64 &m = ds.Fem.coomatrix64;
+  Matrix_Ordering &o = ds.Fem.ordering;
+  const uint64_t h = Pattern_Hash(m);
+  if (o.n == m.n && o.count == m.count && o.pattern_hash == h && o.iperm.size() == m.n) {
+    TRACE("Ordering reused n %lld\n", static_cast<long long>(m.n));
+    return 0;
+  }
+  const auto t0 = Clock::now();
+  progress(ds, "Setting up ss mesh matrix ordering..", 0.0);
+  const int64_t nadj = 2 * (m.count - m.n);
+  Block_Array<idx_t> xadj, adjncy, perm;
+  if (xadj.Resize(ds, m.n + 1, "ordering xadj") ||
+      adjncy.Resize(ds, std::max<int64_t>(nadj, 1), "ordering adjncy") ||
+      perm.Resize(ds, m.n, "ordering perm") || o.iperm.Resize(ds, m.n, "ordering iperm"))
+    return 1;
+  if (m.Set_Adjacency_From_CSR(INT64_MAX, xadj.data(), adjncy.data()) < 0)
+    return 1;
+  idx_t options[METIS_NOPTIONS];
+  METIS_SetDefaultOptions(options);
+  options[METIS_OPTION_NUMBERING] = 1;
+  idx_t nv = static_cast<idx_t>(m.n);
+  const int r =
+      METIS_NodeND(&nv, xadj.data(), adjncy.data(), nullptr, options, perm.data(), o.iperm.data());
+  if (r != METIS_OK) {
+    o.n = 0;
+    Show_Text(ds, "Message", MK_WARNING, "METIS ordering error code %d\n", r);
+    return 1;
+  }
+  o.n = m.n;
+  o.count = m.count;
+  o.pattern_hash = h;
+  o.seconds = Seconds_Since(t0);
+  TRACE("METIS_NodeND n %lld time %.2f\n", static_cast<long long>(m.n), o.seconds);
+  return 0;
+}
+
+template <class R> R Matrix_Value(const CooMatrix64 &m, int64_t k);
+template <> double Matrix_Value<double>(const CooMatrix64 &m, int64_t k) {
+  return m.ad[k];
+}
+template <>
+std::complex<double> Matrix_Value<std::complex<double>>(const CooMatrix64 &m, int64_t k) {
+  return {m.ad[2 * k], m.ad[2 * k + 1]};
+}
+
+// r = b - A x for one column, in double, from the upper-triangle matrix
+// (complex symmetric: no conjugation). `acc` holds n values of scratch.
+// Returns |r| / |b|.
+template <class R, class X>
+double Residual_Column(const CooMatrix64 &m, const X *x, const X *b, X *r, R *acc) {
+  const int64_t n = m.n;
+  std::fill(acc, acc + n, R(0));
+  for (int64_t i = 0; i < n; i++) {
+    const R xi = R(x[i]);
+    R s = 0;
+    for (int64_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; k++) {
+      const int64_t j = m.ja[k] - 1;
+      const R a = Matrix_Value<R>(m, k);
+      s += a * R(x[j]);
+      if (j != i)
+        acc[j] += a * xi;
+    }
+    acc[i] += s;
+  }
+  double rn = 0.0, bn = 0.0;
+  for (int64_t i = 0; i < n; i++) {
+    const R d = R(b[i]) - acc[i];
+    r[i] = X(d);
+    rn += std::norm(std::complex<double>(d));
+    bn += std::norm(std::complex<double>(R(b[i])));
+  }
+  return bn > 0.0 ? std::sqrt(rn / bn) : 0.0;
+}
+
+// One factorisation and its solves. X is the stored precision of the
+// solutions (float or complex<float>), R the residual's (double or
+// complex<double>); M the library's arithmetic.
+template <class M, class X, class R> class Mumps_Run {
+public:
+  explicit Mumps_Run(Data_Set &ds) : ds_(ds), m_(ds.Fem.coomatrix64) {}
+  ~Mumps_Run() { Release(); }
+
+  // Phase 11: the analysis with the given ordering.
+  int Analyse() {
+    id_ = typename M::Struc();
+    id_.job = -1;
+    id_.par = 1;
+    id_.sym = m_.cmplx ? 2 : 1;
+    id_.comm_fortran = use_comm_world;
+    M::Call(&id_);
+    live_ = true;
+    id_.icntl[0] = -1; // no error, warning, diagnostic or statistics output
+    id_.icntl[1] = -1;
+    id_.icntl[2] = -1;
+    id_.icntl[3] = 0;
+    id_.icntl[6] = 1; // the ordering is given
+    id_.icntl[7] = 7; // scaling on: simultaneous row and column iterations
+    id_.icntl[9] = 0; // no refinement of the library's own
+    id_.icntl[13] = 40;
+    id_.icntl[34] = 0; // full-rank factors
+    id_.n = static_cast<MUMPS_INT>(m_.n);
+    id_.nnz = m_.count;
+    if (irn_.Resize(ds_, m_.count, "matrix rows") || jcn_.Resize(ds_, m_.count, "matrix columns"))
+      return 1;
+    for (int64_t i = 0; i < m_.n; i++)
+      for (int64_t k = m_.ia[i] - 1; k < m_.ia[i + 1] - 1; k++) {
+        irn_[k] = static_cast<MUMPS_INT>(i + 1);
+        jcn_[k] = static_cast<MUMPS_INT>(m_.ja[k]);
+      }
+    id_.irn = irn_.data();
+    id_.jcn = jcn_.data();
+    id_.a = Values();
+    id_.perm_in = ds_.Fem.ordering.iperm.data();
+    id_.job = 1;
+    M::Call(&id_);
+    // Memory figures of the analysis: factor entries and working space in
+    // 4-byte words (negative counts are millions).
+    auto big = [](MUMPS_INT v) {
+      return v < 0 ? -static_cast<int64_t>(v) * 1000000 : static_cast<int64_t>(v);
+    };
+    const int words = static_cast<int>(sizeof(typename M::Val) / 4);
+    m_.factor_entries = big(id_.infog[19]);
+    m_.mesh_matrix_size = m_.factor_entries * words + big(id_.infog[3]);
+    m_.factor_flops = id_.rinfog[0];
+    return id_.infog[0] < 0 ? id_.infog[0] : 0;
+  }
+  // Phase 22: the numerical factorisation; a shortage of working space is
+  // met once with twice the relaxation.
+  int Factor() {
+    id_.job = 2;
+    M::Call(&id_);
+    if (id_.infog[0] == -8 || id_.infog[0] == -9 || id_.infog[0] == -14 || id_.infog[0] == -15) {
+      TRACE("MUMPS factorisation error %d, relaxation raised\n", id_.infog[0]);
+      id_.icntl[13] *= 2;
+      M::Call(&id_);
+    }
+    return id_.infog[0] < 0 ? id_.infog[0] : 0;
+  }
+  // Phase 33 for nblk columns: x (float storage) from b, refined.
+  int Solve(int nblk, const X *b, X *x, X *w) {
+    const int64_t n = m_.n, total = n * nblk;
+    id_.nrhs = nblk;
+    id_.lrhs = static_cast<MUMPS_INT>(n);
+    id_.icntl[26] = std::max(1, nblk);
+    std::copy(b, b + total, x);
+    if (Solve_In_Place(x, total))
+      return 1;
+    ds_.Fem.refine_steps_done = 0;
+    if (High_Precision())
+      return 0;
+    std::vector<R> acc(n * omp_get_max_threads());
+    for (int step = 0; step < ds_.Fem.refine_steps_max; step++) {
+      double worst = 0.0;
+#pragma omp parallel for schedule(dynamic, 1) reduction(max : worst)
+      for (int c = 0; c < nblk; c++) {
+        const int64_t o = c * n;
+        worst = std::max(worst, Residual_Column<R, X>(m_, x + o, b + o, w + o,
+                                                      acc.data() + n * omp_get_thread_num()));
+      }
+      ds_.Fem.residual_last = worst;
+      if (worst <= ds_.Fem.refine_tol)
+        break;
+      if (Solve_In_Place(w, total))
+        return 1;
+#pragma omp parallel for schedule(static)
+      for (int64_t k = 0; k < total; k++)
+        x[k] += w[k];
+      ds_.Fem.refine_steps_done = step + 1;
+    }
+    return 0;
+  }
+  int Error() const {
+    return id_.infog[0];
+  }
+  int Error2() const {
+    return id_.infog[1];
+  }
+  void Release() {
+    if (live_) {
+      id_.job = -2;
+      M::Call(&id_);
+      live_ = false;
+    }
+    irn_.Free();
+    jcn_.Free();
+    hp_.Free();
+  }
+
+private:
+  static constexpr bool High_Precision() {
+    return sizeof(typename M::Val) == 2 * sizeof(X);
+  }
+  typename M::Val *Values() {
+    if constexpr (High_Precision())
+      return reinterpret_cast<typename M::Val *>(m_.ad.data());
+    else
+      return reinterpret_cast<typename M::Val *>(m_.a.data());
+  }
+  int Solve_In_Place(X *v, int64_t total) {
+    if constexpr (High_Precision()) {
+      // Double arithmetic: the columns go through a double copy.
+      if (hp_.size() < total && hp_.Resize(ds_, total, "right-hand sides double"))
+        return 1;
+      for (int64_t k = 0; k < total; k++)
+        hp_[k] = R(v[k]);
+      id_.rhs = reinterpret_cast<typename M::Val *>(hp_.data());
+      id_.job = 3;
+      M::Call(&id_);
+      for (int64_t k = 0; k < total; k++)
+        v[k] = X(hp_[k]);
+    } else {
+      id_.rhs = reinterpret_cast<typename M::Val *>(v);
+      id_.job = 3;
+      M::Call(&id_);
+    }
+    return 0;
+  }
+
+  Data_Set &ds_;
+  CooMatrix64 &m_;
+  typename M::Struc id_{};
+  bool live_ = false;
+  Block_Array<MUMPS_INT> irn_, jcn_;
+  Block_Array<R> hp_;
+};
+
+// Analysis, factorisation and every batch of one arithmetic.
+template <class M, class X, class R> int Run_Solver(Data_Set &ds, const char *kind) {
+  Fem_State &fem = ds.Fem;
+  CooMatrix64 &m = fem.coomatrix64;
+  const bool cmplx = m.cmplx != 0;
+  Mumps_Run<M, X, R> run(ds);
+  // Phase 11.
+  auto t0 = Clock::now();
+  progress(ds, "Setting up ss mesh matrix analysis..", 0.0);
+  if (Set_Ordering(ds))
+    return 1;
+  int err = run.Analyse();
+  Progress_Text(ds, 0.0, "Mesh matrix size %lld", static_cast<long long>(m.mesh_matrix_size));
+  if (err) {
+    Show_Text(ds, "Message", MK_WARNING, "MUMPS permutation error code %lld\n",
+              static_cast<long long>(err));
+    Show_Text(ds, "Finite-element solution real permutation routine A", MK_WARNING,
+              "Error in setting up FEM real matrix for semi-structured mesh.\nMemory space "
+              "required is %lld\nError code %lld\n",
+              static_cast<long long>(m.mesh_matrix_size), static_cast<long long>(err));
+    return 1;
+  }
+  fem.t_analysis = Seconds_Since(t0);
+  // Phase 22.
+  t0 = Clock::now();
+  const int threads = omp_get_max_threads();
+  m.Set_nrhs(ds.nelec_use, ds.ssd_cache, threads);
+  if (m.nrhs > 32)
+    m.nrhs = 32;
+  Progress_Text(ds, 0.0, "MUMPS factorization %s n %d ss", kind, static_cast<int>(m.n));
+  err = run.Factor();
+  if (err) {
+    Show_Text(ds, "Finite-element solution real routine", MK_WARNING,
+              "Error in solving finite-element real matrix.\nError code %lld\n",
+              static_cast<long long>(err));
+    return 1;
+  }
+  fem.t_factor = Seconds_Since(t0);
+  // Phase 33, batch by batch.
+  t0 = Clock::now();
+  if (Set_Source_List(ds, fem.jacob))
+    return 1;
+  const int nsrc = fem.nsources;
+  m.Set_nrhs(nsrc, ds.ssd_cache, threads);
+  const int64_t vw = cmplx ? 2 : 1;
+  Block_Array<float> b, x, w;
+  auto take = [&](int64_t nrhs) {
+    const int64_t len = nrhs * m.n * vw;
+    return b.Resize(ds, len, "right-hand sides") == 0 && x.Resize(ds, len, "potentials") == 0 &&
+           w.Resize(ds, len, "refinement") == 0;
+  };
+  ds.quiet++;
+  bool ok = take(m.nrhs);
+  if (!ok) {
+    m.nrhs = std::max<int64_t>(1, m.nrhs / 2);
+    TRACE("Insufficient memory. Reduce nrhs by half to %lld\n", static_cast<long long>(m.nrhs));
+    ok = take(m.nrhs);
+  }
+  ds.quiet--;
+  if (!ok) {
+    show_message(ds, "Insufficient memory to calculate potentials in FEM.\n", "Info",
+                 MK_INFORMATION);
+    return 1;
+  }
+  if (Reset_Potential_Files(ds, fem.jacob))
+    return 1;
+  const int nloops = nsrc > 0 ? static_cast<int>((nsrc + m.nrhs - 1) / m.nrhs) : 0;
+  for (int loop = 0; loop < nloops; loop++) {
+    const int first = static_cast<int>(loop * m.nrhs);
+    const int nblk = static_cast<int>(std::min<int64_t>(m.nrhs, nsrc - first));
+    const int *list = fem.sources.data() + first;
+    Progress_Text(ds, static_cast<double>(first) / std::max(nsrc, 1),
+                  "FEM electrode %d/%d %3.0f%% ss %d", first + nblk, nsrc,
+                  100.0 * (first + nblk) / std::max(nsrc, 1), static_cast<int>(m.n));
+    if (set_elec_numbers_ss(ds, nblk, list, b.data(), cmplx))
+      return 1;
+    if (run.Solve(nblk, reinterpret_cast<const X *>(b.data()), reinterpret_cast<X *>(x.data()),
+                  reinterpret_cast<X *>(w.data())))
+      return 1;
+    TRACE("batch %d nblk %d refinement steps %d residual %.3e\n", loop, nblk, fem.refine_steps_done,
+          fem.residual_last);
+    if (seq_save_vpot_nblk_ss(ds, nblk, list, x.data(), cmplx))
+      return 1;
+    if (fem.jacob && Save_Pot_Jacob(ds, nblk, list, x.data(), cmplx)) {
+      show_message(ds, "Error in saving Jacobian.\n", "Info", MK_INFORMATION);
+      return 1;
+    }
+  }
+  progress(ds, "Forward modelling solving electrodes semistructured end", 1.0);
+  fem.t_solve = Seconds_Since(t0);
+  return 0;
+}
+
+} // namespace
+
+int Use_MUMPS_Solver(Data_Set &ds) {
+  Fem_State &fem = ds.Fem;
+  CooMatrix64 &m = fem.coomatrix64;
+  const auto t0 = Clock::now();
+  Progress_Text(ds, 0.0, "Finite-element modeling - Setting ss mesh %d nodes",
+                static_cast<int>(m.n));
+  int err;
+  if (m.cmplx)
+    err = fem.double_precision
+              ? Run_Solver<Mumps_Z, std::complex<float>, std::complex<double>>(ds, "cmplx ")
+              : Run_Solver<Mumps_C, std::complex<float>, std::complex<double>>(ds, "cmplx ");
+  else
+    err = fem.double_precision ? Run_Solver<Mumps_D, float, double>(ds, "real ")
+                               : Run_Solver<Mumps_S, float, double>(ds, "real ");
+  TRACE("FEM modeling solving ss mesh  nodes %d  Time %.2f   error return %d  splice %d\n",
+        static_cast<int>(m.n), Seconds_Since(t0), err, 0);
+  return err;
+}
+
+void Check_Generic_Solver_Settings(Data_Set &ds) {
+  const int nseg = ds.Model_grid.num_splice_x * ds.Model_grid.num_splice_y;
+  if (ds.nelec_use < 255 || nseg >= 2)
+    ds.Data_lim_sys.cpu_type_solver = 0;
+  TRACE("Generic solver disabled  nelec_use %d number_segments %d  cpu_type_solver reset to %d\n",
+        ds.nelec_use, nseg, ds.Data_lim_sys.cpu_type_solver);
+}
