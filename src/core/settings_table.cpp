@@ -776,6 +776,21 @@ const Setting_Entry settings_table[] = {
      "I.P. inversion settings",
      "a typical chargeability of unmineralised ground",
      nullptr},
+    {"normalise_potentials", "Normalise potentials (0=No,1=Yes)", "%d", SK_INT, 0, 1,
+     [](Data_Set &d) -> void * { return &d.Fem.normalise_potentials; },
+     "Normalise potentials",
+     "the mesh's own error is small enough (check-mesh) and a normalisation costs one more forward model",
+     nullptr},
+    {"nudge_point_elec", "Nudge node to electrode position (0=No,1=Yes)", "%d", SK_INT, 0, 1,
+     [](Data_Set &d) -> void * { return &d.Fem.nudge_point_elec; },
+     "Finite-element mesh settings",
+     "electrodes on the grid lines sit on nodes already",
+     nullptr},
+    {"use_file", "Load electrode-electrode potentials (0=All to memory,1=Only selected from file)", "%d", SK_INT, 0, 1,
+     [](Data_Set &d) -> void * { return &d.Fem.use_file; },
+     "Jacobian calculation options",
+     "the electrode table is small beside the mesh: one indexed read a term",
+     nullptr},
 };
 // clang-format on
 
