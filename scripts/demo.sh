@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The main job on the bundled example: for now the program's configuration
 # report, the read of an example data file saved back in the program's own
-# layout, and the finite-element mesh of the 9 by 14 electrode grid written
-# for ParaView.
+# layout, the finite-element mesh of the 9 by 14 electrode grid written for
+# ParaView, the mesh's check against a homogeneous half-space, and synthetic
+# data of a buried conductor with 3 % noise.
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,3 +15,10 @@ cp "$here/examples/ip_chargeability.dat" "$out/"
 echo "Saved the data read as $out/saved.dat ($(wc -l <"$out/saved.dat") lines)."
 cp "$here/examples/grid_9x14.dat" "$out/"
 "$build/ohmvol3d" mesh "$out/grid_9x14.dat" --vtk "$out/grid_9x14_mesh.vtk"
+"$build/ohmvol3d" check-mesh "$out/grid_9x14.dat"
+cat >"$out/model.txt" <<'MODEL'
+background 100
+box 7.5 12.5  12.5 20  1 4  10   # a conductor under the middle of the grid
+MODEL
+"$build/ohmvol3d" forward "$out/grid_9x14.dat" --model "$out/model.txt" -o "$out/synthetic.dat" --noise 3 --seed 7
+echo "Synthetic data: $out/synthetic.dat ($(wc -l <"$out/synthetic.dat") lines)."

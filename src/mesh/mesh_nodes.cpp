@@ -4,9 +4,9 @@
 #include <cmath>
 
 #include "core/data_set.h"
-#include "forward/forward.h"
 #include "core/messages.h"
 #include "core/trace.h"
+#include "forward/forward.h"
 #include "mesh/mesh.h"
 #include "survey/survey_text.h"
 

@@ -148,6 +148,73 @@ TEST_F(Cli, MeshReportsBothFormsAndWritesVtk) {
   EXPECT_EQ(Run("mesh").status, 2);
 }
 
+// Synthetic data of a model file: a conductor lowers the values above it,
+// the file reads back, and noise is recorded as the error estimate. Broken
+// model files are refused with the line that is wrong.
+TEST_F(Cli, ForwardWritesSyntheticDataThatReadsBack) {
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
+                             dir + "/p.dat");
+  Spit(dir + "/flat.txt", "# uniform ground\nbackground 50\n");
+  Spit(dir + "/box.txt", "background 50\nbox 4 14  2 8  0.5 3  5  # conductor\n");
+  ASSERT_EQ(Run("forward p.dat --model flat.txt -o flat.dat").status, 0);
+  const Run_Result r = Run("forward p.dat --model box.txt -o box.dat --noise 2 --seed 3");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Calculated data of 198 points written to"), std::string::npos);
+  // Values: the last column of each data line.
+  auto values = [&](const std::string &file) {
+    std::vector<double> v;
+    std::istringstream in(Slurp(dir + "/" + file));
+    std::string line;
+    while (std::getline(in, line)) {
+      std::istringstream words(line);
+      std::vector<double> w;
+      double x;
+      while (words >> x)
+        w.push_back(x);
+      if (w.size() >= 7 && w.size() <= 9)
+        v.push_back(w[w.size() - (file == "box.dat" ? 2 : 1)]);
+    }
+    return v;
+  };
+  const std::vector<double> flat = values("flat.dat"), box = values("box.dat");
+  ASSERT_EQ(flat.size(), 198u);
+  ASSERT_EQ(box.size(), 198u);
+  int lower = 0;
+  for (size_t i = 0; i < flat.size(); i++) {
+    EXPECT_NEAR(flat[i], 50.0, 1.5) << i; // the mesh's own error on a half-space
+    lower += box[i] < 0.97 * flat[i];
+  }
+  EXPECT_GT(lower, 20);
+  const Run_Result back = Run("read box.dat");
+  ASSERT_EQ(back.status, 0) << back.err;
+  EXPECT_EQ(back.err.find("No data error estimate"), std::string::npos);
+  Spit(dir + "/bad.txt", "background 50\nbox 4 2  2 8  0.5 3  5\n");
+  const Run_Result bad = Run("forward p.dat --model bad.txt -o x.dat");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_NE(bad.err.find("Line 2 of the model file"), std::string::npos) << bad.err;
+  EXPECT_EQ(Run("forward p.dat --model box.txt").status, 2);
+  EXPECT_EQ(Run("forward p.dat --model box.txt -o y.dat --noise -1").status, 2);
+}
+
+// The mesh check reports its errors by array type and the worst data.
+TEST_F(Cli, CheckMeshReportsErrorsByArrayType) {
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
+                             dir + "/p.dat");
+  const Run_Result r = Run("check-mesh p.dat");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const size_t at = r.out.find("\npole-dipole ");
+  ASSERT_NE(at, std::string::npos) << r.out;
+  std::istringstream row(r.out.substr(at + 13));
+  int count = 0;
+  double median = -1.0, largest = -1.0;
+  row >> count >> median >> largest;
+  EXPECT_EQ(count, 198);
+  EXPECT_GT(median, 0.0);
+  EXPECT_LE(median, largest);
+  EXPECT_LT(largest, 2.0);
+  EXPECT_NE(r.out.find("Largest errors:"), std::string::npos);
+}
+
 TEST_F(Cli, SettingsSaveLoadSaveIsStable) {
   ASSERT_EQ(Run("settings save a.ivp --set nit=7").status, 0);
   const Run_Result load = Run("settings load a.ivp");
