@@ -212,6 +212,8 @@ void CooMatrix64::Set_nrhs(int64_t nelec_use, double ssd_cache, int threads) {
     r = t;
   if (nelec_use > t)
     r = std::min(r, (nelec_use + 1) / 2);
+  else
+    r = t; // a few sources: one batch as wide as the threads
   if (r > t)
     r = r / t * t;
   nrhs = r;
