@@ -13,7 +13,6 @@
 //
 //   ohmvol3d_bench_forward [--large] [--grid N] [--reps N]
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +26,8 @@
 #include <cholmod.h>
 #include <omp.h>
 
+#include "bench_survey.h"
+#include "core/clock.h"
 #include "core/commands.h"
 #include "core/cpu_info.h"
 #include "core/data_set.h"
@@ -39,75 +40,6 @@ namespace {
 constexpr int layers = 12;
 constexpr int yard_rhs = 128;
 constexpr double goal_time = 0.7, goal_memory = 0.6;
-
-Front_End Silent_Front_End() {
-  Front_End fe;
-  fe.message = [](void *, const char *title, const char *text, int kind) {
-    if (kind == MK_WARNING)
-      std::fprintf(stderr, "%s: %s\n", title, text);
-  };
-  fe.question = [](void *, const char *, const char *) { return 0; };
-  fe.panel_line = [](void *, const char *, int) {};
-  fe.progress = [](void *, const char *, double) { return 0; };
-  fe.beep = [](void *) {};
-  return fe;
-}
-
-// Dipole-dipole lines along x on every other grid line over an n x n grid
-// of electrodes 1 m apart, with `layers` user layers.
-std::string Make_Data_File(int n) {
-  std::string f;
-  char line[256];
-  f += "Forward benchmark: dipole-dipole lines over a square electrode grid\n";
-  std::snprintf(line, sizeof line, "%d,%d\nNonuniform Grid\nX-location of grid lines\n", n, n);
-  f += line;
-  for (int axis = 0; axis < 2; axis++) {
-    for (int i = 0; i < n; i++) {
-      std::snprintf(line, sizeof line, "%d.00 ", i);
-      f += line;
-    }
-    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
-  }
-  std::snprintf(line, sizeof line,
-                "3\nPoint Electrodes outside grid present\nNumber of point electrodes\n%d\n"
-                "Compressed format used for point electrodes coordinates\n",
-                n * n);
-  f += line;
-  for (int j = 0, e = 1; j < n; j++)
-    for (int i = 0; i < n; i++, e++) {
-      std::snprintf(line, sizeof line, "%d %d.000,%d.000,0.000\n", e, i, j);
-      f += line;
-    }
-  std::snprintf(line, sizeof line,
-                "User defined depths to layers present\nNumber of layers\n%d\nDepth of layers\n",
-                layers);
-  f += line;
-  double depth = 0.0, t = 0.5;
-  for (int k = 1; k <= layers; k++) {
-    depth += t;
-    t *= 1.15;
-    std::snprintf(line, sizeof line, "%d %.4f\n", k, depth);
-    f += line;
-  }
-  std::string points;
-  int count = 0;
-  for (int j = 0; j < n; j += 2)
-    for (int i = 0; i + 3 < n; i++)
-      for (int s = 1; s <= 6 && i + s + 2 < n; s++, count++) {
-        std::snprintf(line, sizeof line, "%d %d %d %d %d %d %d %d 100.0\n", i + s + 1, j, i + s + 2,
-                      j, i + 1, j, i, j);
-        points += line;
-      }
-  std::snprintf(line, sizeof line, "%d\n", count);
-  f += line;
-  f += points;
-  f += "0\n0\n0\n0\n0\n";
-  return f;
-}
-
-double Seconds_Since(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
 // A field of /proc/self/status in MB ("VmHWM:", "VmRSS:").
 double Status_MB(const char *field) {
@@ -142,7 +74,7 @@ struct Run_Result {
 // files in `dir`.
 struct Bench_Data_Set {
   Data_Set ds;
-  explicit Bench_Data_Set(const std::string &dir) : ds(Options(dir), Silent_Front_End()) {
+  explicit Bench_Data_Set(const std::string &dir) : ds(Options(dir), Silent_Front_End(true)) {
     ds.batch_mode = 1;
     ds.Create();
     ds.First_Paint();
@@ -164,7 +96,7 @@ Run_Result Forward_Run(const std::string &dir, const std::string &path) {
     return r;
   std::vector<float> res(std::max(ds.Model_grid.nmodel_blocks, 1), 100.0f);
   r.rss_before_mb = Status_MB("VmRSS:");
-  const auto t0 = std::chrono::steady_clock::now();
+  const auto t0 = Clock::now();
   const int ierr = Forward_Model_LS(ds, res.data(), nullptr, 0);
   r.wall = Seconds_Since(t0);
   r.peak_mb = Status_MB("VmHWM:");
@@ -244,13 +176,13 @@ Run_Result Cholmod_Run(const std::string &dir, const std::string &path) {
     bx[c * n + (n * (2 * c + 1)) / (2 * yard_rhs)] = 1.0;
 
   r.rss_before_mb = Status_MB("VmRSS:");
-  auto t0 = std::chrono::steady_clock::now();
+  auto t0 = Clock::now();
   cholmod_factor *L = cholmod_l_analyze(&A, &cm);
   r.t_analysis = Seconds_Since(t0);
-  t0 = std::chrono::steady_clock::now();
+  t0 = Clock::now();
   const int factored = L && cholmod_l_factorize(&A, L, &cm) && cm.status == CHOLMOD_OK;
   r.t_factor = Seconds_Since(t0);
-  t0 = std::chrono::steady_clock::now();
+  t0 = Clock::now();
   cholmod_dense *X = factored ? cholmod_l_solve(CHOLMOD_A, L, B, &cm) : nullptr;
   r.t_solve = Seconds_Since(t0);
   r.wall = r.t_analysis + r.t_factor + r.t_solve;
@@ -326,11 +258,19 @@ double Median(std::vector<double> v) {
                         : 0.5 * (v[v.size() / 2 - 1] + v[v.size() / 2]);
 }
 
-template <class G> double Median_Of(const std::vector<Run_Result> &runs, G field) {
-  std::vector<double> v;
-  for (const Run_Result &r : runs)
-    v.push_back(field(r));
-  return Median(v);
+// The first run's counts with the median of every timing and memory figure.
+Run_Result Median_Run(const std::vector<Run_Result> &runs) {
+  Run_Result m = runs[0];
+  for (double Run_Result::*f :
+       {&Run_Result::wall, &Run_Result::t_assembly, &Run_Result::t_ordering,
+        &Run_Result::t_analysis, &Run_Result::t_factor, &Run_Result::t_solve, &Run_Result::t_total,
+        &Run_Result::residual, &Run_Result::rss_before_mb, &Run_Result::peak_mb}) {
+    std::vector<double> v;
+    for (const Run_Result &r : runs)
+      v.push_back(r.*f);
+    m.*f = Median(v);
+  }
+  return m;
 }
 
 void Print_Forward_Row(const char *label, const Run_Result &r) {
@@ -354,7 +294,8 @@ int Run_Case(int n, int reps) {
   FILE *f = std::fopen(path.c_str(), "w");
   if (!f)
     return 1;
-  const std::string text = Make_Data_File(n);
+  const std::string text = Make_Grid_Survey(
+      "Forward benchmark: dipole-dipole lines over a square electrode grid", n, layers);
   std::fwrite(text.data(), 1, text.size(), f);
   std::fclose(f);
 
@@ -384,17 +325,7 @@ int Run_Case(int n, int reps) {
               "refine", "residual", "RSS start", "peak MB");
   for (int k = 0; k < reps; k++)
     Print_Forward_Row(std::to_string(k + 1).c_str(), fwd[k]);
-  Run_Result mf = fwd[0];
-  mf.wall = Median_Of(fwd, [](const Run_Result &r) { return r.wall; });
-  mf.t_assembly = Median_Of(fwd, [](const Run_Result &r) { return r.t_assembly; });
-  mf.t_ordering = Median_Of(fwd, [](const Run_Result &r) { return r.t_ordering; });
-  mf.t_analysis = Median_Of(fwd, [](const Run_Result &r) { return r.t_analysis; });
-  mf.t_factor = Median_Of(fwd, [](const Run_Result &r) { return r.t_factor; });
-  mf.t_solve = Median_Of(fwd, [](const Run_Result &r) { return r.t_solve; });
-  mf.t_total = Median_Of(fwd, [](const Run_Result &r) { return r.t_total; });
-  mf.residual = Median_Of(fwd, [](const Run_Result &r) { return r.residual; });
-  mf.rss_before_mb = Median_Of(fwd, [](const Run_Result &r) { return r.rss_before_mb; });
-  mf.peak_mb = Median_Of(fwd, [](const Run_Result &r) { return r.peak_mb; });
+  const Run_Result mf = Median_Run(fwd);
   Print_Forward_Row("median", mf);
 
   std::printf(
@@ -404,14 +335,7 @@ int Run_Case(int n, int reps) {
               "solves", "factor ents", "residual", "RSS start", "peak MB");
   for (int k = 0; k < reps; k++)
     Print_Cholmod_Row(std::to_string(k + 1).c_str(), yard[k]);
-  Run_Result my = yard[0];
-  my.wall = Median_Of(yard, [](const Run_Result &r) { return r.wall; });
-  my.t_analysis = Median_Of(yard, [](const Run_Result &r) { return r.t_analysis; });
-  my.t_factor = Median_Of(yard, [](const Run_Result &r) { return r.t_factor; });
-  my.t_solve = Median_Of(yard, [](const Run_Result &r) { return r.t_solve; });
-  my.residual = Median_Of(yard, [](const Run_Result &r) { return r.residual; });
-  my.rss_before_mb = Median_Of(yard, [](const Run_Result &r) { return r.rss_before_mb; });
-  my.peak_mb = Median_Of(yard, [](const Run_Result &r) { return r.peak_mb; });
+  const Run_Result my = Median_Run(yard);
   Print_Cholmod_Row("median", my);
 
   const double rt = mf.wall / my.wall, rm = mf.peak_mb / my.peak_mb;

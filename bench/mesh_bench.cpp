@@ -5,86 +5,19 @@
 // form. Goal: the read's mesh steps and the solved mesh under 5 s together.
 //
 //   ohmvol3d_bench_mesh [grid lines] [layers]
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
+#include "bench_survey.h"
+#include "core/clock.h"
 #include "core/data_set.h"
 #include "core/front_end.h"
 #include "mesh/mesh.h"
 #include "survey/survey.h"
 
-namespace {
-
-Front_End Silent_Front_End() {
-  Front_End fe;
-  fe.message = [](void *, const char *title, const char *text, int) {
-    std::fprintf(stderr, "%s: %s\n", title, text);
-  };
-  fe.question = [](void *, const char *, const char *) { return 0; };
-  fe.panel_line = [](void *, const char *, int) {};
-  fe.progress = [](void *, const char *, double) { return 0; };
-  fe.beep = [](void *) {};
-  return fe;
-}
-
-std::string Make_Data_File(int n, int layers) {
-  std::string f;
-  char line[256];
-  f += "Mesh benchmark: dipole-dipole lines over a square electrode grid\n";
-  std::snprintf(line, sizeof line, "%d,%d\nNonuniform Grid\nX-location of grid lines\n", n, n);
-  f += line;
-  for (int axis = 0; axis < 2; axis++) {
-    for (int i = 0; i < n; i++) {
-      std::snprintf(line, sizeof line, "%d.00 ", i);
-      f += line;
-    }
-    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
-  }
-  std::snprintf(line, sizeof line,
-                "3\nPoint Electrodes outside grid present\nNumber of point electrodes\n%d\n"
-                "Compressed format used for point electrodes coordinates\n",
-                n * n);
-  f += line;
-  for (int j = 0, e = 1; j < n; j++)
-    for (int i = 0; i < n; i++, e++) {
-      std::snprintf(line, sizeof line, "%d %d.000,%d.000,0.000\n", e, i, j);
-      f += line;
-    }
-  std::snprintf(line, sizeof line,
-                "User defined depths to layers present\nNumber of layers\n%d\nDepth of layers\n",
-                layers);
-  f += line;
-  double depth = 0.0, t = 0.5;
-  for (int k = 1; k <= layers; k++) {
-    depth += t;
-    t *= 1.15;
-    std::snprintf(line, sizeof line, "%d %.4f\n", k, depth);
-    f += line;
-  }
-  std::string points;
-  int count = 0;
-  for (int j = 0; j < n; j += 2)
-    for (int i = 0; i + 3 < n; i++)
-      for (int s = 1; s <= 6 && i + s + 2 < n; s++, count++) {
-        std::snprintf(line, sizeof line, "%d %d %d %d %d %d %d %d 100.0\n", i + s + 1, j, i + s + 2,
-                      j, i + 1, j, i, j);
-        points += line;
-      }
-  std::snprintf(line, sizeof line, "%d\n", count);
-  f += line;
-  f += points;
-  f += "0\n0\n0\n0\n0\n";
-  return f;
-}
-
-double Seconds_Since(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-} // namespace
+namespace {} // namespace
 
 int main(int argc, char **argv) {
   const int n = argc > 1 ? std::atoi(argv[1]) : 70;
@@ -95,7 +28,8 @@ int main(int argc, char **argv) {
   const std::string dir = pattern;
   const std::string path = dir + "/grid.dat";
   FILE *f = std::fopen(path.c_str(), "w");
-  const std::string text = Make_Data_File(n, layers);
+  const std::string text = Make_Grid_Survey(
+      "Mesh benchmark: dipole-dipole lines over a square electrode grid", n, layers);
   std::fwrite(text.data(), 1, text.size(), f);
   std::fclose(f);
   std::printf("Grid %d x %d lines, %d layers\n", n, n, layers);
@@ -104,17 +38,17 @@ int main(int argc, char **argv) {
     Start_Options start;
     start.buffer_folder = dir + "/";
     start.config_folder = dir + "/";
-    Data_Set ds(start, Silent_Front_End());
+    Data_Set ds(start, Silent_Front_End(false));
     ds.batch_mode = 1;
     ds.Create();
     ds.Semistructured.use_dense_rect_mesh = dense;
-    auto t0 = std::chrono::steady_clock::now();
+    auto t0 = Clock::now();
     if (Call_Read_Data_File(ds, path.c_str())) {
       status = 1;
       break;
     }
     const double read = Seconds_Since(t0);
-    t0 = std::chrono::steady_clock::now();
+    t0 = Clock::now();
     if (Set_SemiStructured_Mesh(ds)) {
       status = 1;
       break;

@@ -7,7 +7,6 @@
 //
 //   ohmvol3d_bench_parse [points] [runs]
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "core/clock.h"
 #include "core/data_set.h"
 #include "core/front_end.h"
 #include "survey/survey.h"
@@ -108,10 +108,6 @@ std::string Make_Data_File(int points, bool ip, int ntime) {
   return f;
 }
 
-double Seconds_Since(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
 void Time_Reads(Data_Set &ds, const std::string &folder, const char *label, int points, bool ip,
                 int ntime, int runs) {
   const std::string path = folder + "/bench_" + std::to_string(ntime) + (ip ? "_ip" : "") + ".dat";
@@ -124,7 +120,7 @@ void Time_Reads(Data_Set &ds, const std::string &folder, const char *label, int 
   std::fclose(f);
   std::vector<double> times;
   for (int r = 0; r < runs; r++) {
-    const auto t0 = std::chrono::steady_clock::now();
+    const auto t0 = Clock::now();
     const int ierr = Call_Read_Data_File(ds, path.c_str());
     times.push_back(Seconds_Since(t0));
     if (ierr != 0 || ds.mdata != points || ds.ntime != ntime) {

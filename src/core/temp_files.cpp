@@ -190,6 +190,16 @@ int64_t Transfer_Chunks(int fd, float *values, int64_t n, int64_t byte_offset, b
 
 } // namespace
 
+int Write_Values_Chunks(const std::string &path, const float *values, int64_t n, bool append) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC), 0644);
+  if (fd < 0)
+    return 2;
+  const int64_t offset = append ? lseek(fd, 0, SEEK_END) : 0;
+  const int64_t done =
+      offset < 0 ? 0 : Transfer_Chunks(fd, const_cast<float *>(values), n, offset, true);
+  return close(fd) == 0 && done == 4 * n ? 0 : 1;
+}
+
 namespace {
 
 // The texts of one direction of the value files.

@@ -109,6 +109,10 @@ int Write_Values_File(Data_Set &ds, const std::string &path, const float *values
                       int64_t byte_offset = 0, bool keep_contents = false);
 int Read_Values_File(Data_Set &ds, const std::string &path, float *values, int64_t n,
                      int64_t byte_offset = 0);
+// The same without messages, for files that are not the Jacobian's: n
+// values written from the start of a new file, or appended. 0, 1 on a short
+// write, 2 when the file cannot be opened.
+int Write_Values_Chunks(const std::string &path, const float *values, int64_t n, bool append);
 // The chunk length for n values: min(n/2, 1048576) above 1048576 values, else n.
 int64_t Chunk_Values(int64_t n);
 

@@ -214,6 +214,13 @@ double Cal_App_Resis_Diff_cmplx(Data_Set &ds) {
   return fem.rmslog;
 }
 
+bool Half_Space_Analytic_Available(const Data_Set &ds) {
+  for (int i = 0; i < ds.mdata; i++)
+    if (Half_Space_Analytic_Ratio(ds, i) < 0.0)
+      return false;
+  return true;
+}
+
 double Half_Space_Analytic_Ratio(const Data_Set &ds, int64_t i) {
   const bool topo = ds.topo.grid_heights && ds.Model_grid.type_topo_model > 0;
   if (topo || ds.type_geofac == 2 || ds.Model_grid.nwater > 0 || ds.dp[i].gfac == 0.0)

@@ -2,7 +2,6 @@
 // times the element's conductivity, into the row store; outer hexahedron
 // faces take the mixed boundary term.
 #include <algorithm>
-#include <cstdio>
 
 #include "core/data_set.h"
 #include "core/messages.h"
@@ -65,22 +64,6 @@ int Add_Element(CooMatrix64 &m, const Element &el, double xmid, double ymid, flo
   return fail;
 }
 
-// Writes n values in chunks (min(n / 2, 1048576) above 1048576 values).
-int Write_Store(const std::string &path, const float *v, int64_t n) {
-  FILE *f = std::fopen(path.c_str(), "wb");
-  if (!f)
-    return 2;
-  const int64_t chunk = Chunk_Values(n);
-  int64_t done = 0;
-  bool ok = true;
-  while (ok && done < n) {
-    const int64_t m = std::min(chunk, n - done);
-    ok = std::fwrite(v + done, sizeof(float), m, f) == static_cast<size_t>(m);
-    done += m;
-  }
-  return std::fclose(f) == 0 && ok ? 0 : 1;
-}
-
 } // namespace
 
 int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string &store_path) {
@@ -122,7 +105,7 @@ int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string
   }
   if (jacob) {
     progress(ds, "Saving capacitence matrix semistructured", 0.9);
-    if (Write_Store(store_path, fem.cp18.data(), fem.cp_offset[ne])) {
+    if (Write_Values_Chunks(store_path, fem.cp18.data(), fem.cp_offset[ne], false)) {
       Show_Text(ds, "Message", MK_WARNING, "Unable to create the file %s", store_path.c_str());
       jacob = 0;
     }

@@ -24,7 +24,7 @@ struct Res_Bounds {
   float operator()(float r) const { return clamp ? std::clamp(r, res_floor, res_ceiling) : r; }
 };
 
-// Calls f(cell index, block) for every main mesh cell: cells inside a block's
+// Calls f(cell index, block index) for every main mesh cell: cells inside a block's
 // node range take that block; cells of the side and bottom buffers take the
 // nearest block of their layer.
 template <class F> void For_Each_Cell_Block(const Model_Grid &g, F f) {
@@ -48,7 +48,7 @@ template <class F> void For_Each_Cell_Block(const Model_Grid &g, F f) {
         const int bi = std::clamp((i - (g.ixfirst - 1)) / npu + ((i < g.ixfirst - 1) ? -1 : 0), 0,
                                   g.nblockx - 1);
         const int64_t cell = (kc + g.nwater) * plane + static_cast<int64_t>(j) * cx + i;
-        f(cell, g.Block_Number(bi + 1, bj + 1, layer) - 1, i, j, kc);
+        f(cell, g.Block_Number(bi + 1, bj + 1, layer) - 1);
       }
     }
   }
@@ -112,8 +112,7 @@ int Model_Grid::Set_Conductivity(Data_Set &ds, const float *res) {
     return 1;
   const Res_Bounds bound(res, nmodel_blocks);
   float *cr = cxyz_r.data();
-  For_Each_Cell_Block(*this,
-                      [&](int64_t cell, int m, int, int, int) { cr[cell] = 1.0f / bound(res[m]); });
+  For_Each_Cell_Block(*this, [&](int64_t cell, int m) { cr[cell] = 1.0f / bound(res[m]); });
   Overlay_Water_And_Fixed(ds, cr, nullptr);
   return 0;
 }
@@ -125,7 +124,7 @@ int Model_Grid::Set_Conductivity_Cmplx(Data_Set &ds, const float *res, const flo
     return 1;
   const Res_Bounds bound(res, nmodel_blocks);
   float *cr = cxyz_r.data(), *ci = cxyz_i.data();
-  For_Each_Cell_Block(*this, [&](int64_t cell, int m, int, int, int) {
+  For_Each_Cell_Block(*this, [&](int64_t cell, int m) {
     const double r = bound(res[m]), q = r * phase[m];
     const double d = r * r + q * q;
     cr[cell] = static_cast<float>(r / d);

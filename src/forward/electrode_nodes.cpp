@@ -12,16 +12,19 @@
 
 namespace {
 
-// Plan line positions of the main mesh before any nudging.
+// Plan line positions of the main mesh before any nudging, and the flat
+// depths of its z levels (without water).
 struct Lines {
-  std::vector<double> x, y;
-  explicit Lines(const Model_Grid &g) : x(g.lx), y(g.ly) {
+  std::vector<double> x, y, z;
+  explicit Lines(const Model_Grid &g) : x(g.lx), y(g.ly), z(g.lz) {
     const double ox = g.xgrid[0] - g.xmesh[g.ixfirst - 1];
     const double oy = g.ygrid[0] - g.ymesh[g.jyfirst - 1];
     for (int i = 0; i < g.lx; i++)
       x[i] = g.xmesh[i] + ox;
     for (int j = 0; j < g.ly; j++)
       y[j] = g.ymesh[j] + oy;
+    for (int k = 0; k < g.lz; k++)
+      z[k] = g.zmesh[k];
   }
 };
 
@@ -61,17 +64,12 @@ void Keep_Weights(Electrode_Nodes &en, const int *node, const double *w, int cou
     en.w[c] = static_cast<float>(en.w[c] / sum);
 }
 
-} // namespace
-
-void Point_Electrode_Nodes(const Model_Grid &g, double x, double y, double depth, bool surface,
-                           int floating, Electrode_Nodes &en) {
-  const Lines lines(g);
+// Nodes and weights of one electrode, with the mesh's lines taken once.
+void Electrode_Nodes_On(const Model_Grid &g, const Lines &lines, double x, double y, double depth,
+                        bool surface, int floating, Electrode_Nodes &en) {
   const int i = Nearest(lines.x, x), j = Nearest(lines.y, y);
   const double dx = x - lines.x[i], dy = y - lines.y[j];
-  // Z levels (from 0, without water) of the flat mesh.
-  std::vector<double> zl(g.lz);
-  for (int k = 0; k < g.lz; k++)
-    zl[k] = g.zmesh[k];
+  const std::vector<double> &zl = lines.z;
   const int k = surface ? 0 : Nearest(zl, depth);
   const double dz = surface ? 0.0 : depth - zl[k];
   const int kw = floating && surface ? 0 : g.nwater; // level of depth 0
@@ -113,6 +111,13 @@ void Point_Electrode_Nodes(const Model_Grid &g, double x, double y, double depth
     w[c + 4] = plan[c] * down;
   }
   Keep_Weights(en, nodes, w, 8);
+}
+
+} // namespace
+
+void Point_Electrode_Nodes(const Model_Grid &g, double x, double y, double depth, bool surface,
+                           int floating, Electrode_Nodes &en) {
+  Electrode_Nodes_On(g, Lines(g), x, y, depth, surface, floating, en);
 }
 
 int set_elec_positions_node_semistructured(Data_Set &ds) {
@@ -192,6 +197,7 @@ int Set_Electrode_Nodes(Data_Set &ds) {
   if (fem.en.Resize(ds, std::max(ne, 1), "electrode nodes"))
     return 1;
   const int floating = ds.water.kind == 3;
+  const Lines lines(g);
 #pragma omp parallel for schedule(static)
   for (int e = 0; e < ne; e++) {
     const Point_Electrode &p = ds.pe[e];
@@ -199,7 +205,7 @@ int Set_Electrode_Nodes(Data_Set &ds) {
     en = Electrode_Nodes();
     en.e1 = e;
     if (p.used > 0)
-      Point_Electrode_Nodes(g, p.x, p.y, p.depth, p.depth <= 0.0, floating, en);
+      Electrode_Nodes_On(g, lines, p.x, p.y, p.depth, p.depth <= 0.0, floating, en);
   }
   fem.nelec = ne;
   if (ds.use_dipoles_fem == 1) {

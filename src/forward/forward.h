@@ -69,6 +69,8 @@ double Cal_App_Resis_Diff_cmplx(Data_Set &ds);
 // Analytic apparent resistivity of a unit half-space for datum i, or a
 // negative value when there is none (topography, given factors).
 double Half_Space_Analytic_Ratio(const Data_Set &ds, int64_t i);
+// Every datum has its analytic half-space value.
+bool Half_Space_Analytic_Available(const Data_Set &ds);
 
 // --- Driver -----------------------------------------------------------------------------
 // One forward model of block resistivities `res` (and IP values `ip` for a

@@ -1,10 +1,10 @@
 // The order of one forward calculation: mesh, conductivities, assembly,
 // factorisation and solves, apparent resistivities and misfits.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <vector>
 
+#include "core/clock.h"
 #include "core/data_set.h"
 #include "core/folders.h"
 #include "core/messages.h"
@@ -15,11 +15,6 @@
 #include "survey/survey_text.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-double Seconds_Since(Clock::time_point t0) {
-  return std::chrono::duration<double>(Clock::now() - t0).count();
-}
 
 // Assembly to stored potentials, then the calculated data and misfits.
 int Solve_And_Calculate(Data_Set &ds, bool cmplx) {
@@ -216,15 +211,14 @@ int Select_Forward_Model(Data_Set &ds, const float *res, const float *ip, int ja
 
 int Set_Normalisation_Factors(Data_Set &ds) {
   Fem_State &fem = ds.Fem;
-  for (int i = 0; i < ds.mdata; i++)
-    if (Half_Space_Analytic_Ratio(ds, i) < 0.0) {
-      fem.normalise_potentials = 0;
-      return Refuse_Always(
-          ds, "Normalise potentials",
-          "Normalisation of the potentials needs a homogeneous half-space with analytic "
-          "values (flat ground, no water layer, geometric factors from the electrode "
-          "positions).\nThe potentials are not normalised in this run.");
-    }
+  if (!Half_Space_Analytic_Available(ds)) {
+    fem.normalise_potentials = 0;
+    return Refuse_Always(
+        ds, "Normalise potentials",
+        "Normalisation of the potentials needs a homogeneous half-space with analytic "
+        "values (flat ground, no water layer, geometric factors from the electrode "
+        "positions).\nThe potentials are not normalised in this run.");
+  }
   std::vector<float> unit(std::max(ds.Model_grid.nmodel_blocks, 1), 1.0f);
   fem.norm_ready = 0;
   const int jacob = fem.jacob;

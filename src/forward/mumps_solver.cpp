@@ -10,11 +10,11 @@
 #include <zmumps_c.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <complex>
 #include <vector>
 
+#include "core/clock.h"
 #include "core/data_set.h"
 #include "core/messages.h"
 #include "core/trace.h"
@@ -25,32 +25,16 @@ namespace {
 
 constexpr int use_comm_world = -987654;
 
-using Clock = std::chrono::steady_clock;
-double Seconds_Since(Clock::time_point t0) {
-  return std::chrono::duration<double>(Clock::now() - t0).count();
-}
-
 // The four arithmetics behind one interface.
-struct Mumps_S {
-  using Struc = SMUMPS_STRUC_C;
-  using Val = float;
-  static void Call(Struc *s) { smumps_c(s); }
+template <class S, class V, void (*F)(S *)> struct Mumps_Arithmetic {
+  using Struc = S;
+  using Val = V;
+  static void Call(Struc *s) { F(s); }
 };
-struct Mumps_D {
-  using Struc = DMUMPS_STRUC_C;
-  using Val = double;
-  static void Call(Struc *s) { dmumps_c(s); }
-};
-struct Mumps_C {
-  using Struc = CMUMPS_STRUC_C;
-  using Val = mumps_complex;
-  static void Call(Struc *s) { cmumps_c(s); }
-};
-struct Mumps_Z {
-  using Struc = ZMUMPS_STRUC_C;
-  using Val = mumps_double_complex;
-  static void Call(Struc *s) { zmumps_c(s); }
-};
+using Mumps_S = Mumps_Arithmetic<SMUMPS_STRUC_C, float, smumps_c>;
+using Mumps_D = Mumps_Arithmetic<DMUMPS_STRUC_C, double, dmumps_c>;
+using Mumps_C = Mumps_Arithmetic<CMUMPS_STRUC_C, mumps_complex, cmumps_c>;
+using Mumps_Z = Mumps_Arithmetic<ZMUMPS_STRUC_C, mumps_double_complex, zmumps_c>;
 
 uint64_t Pattern_Hash(const CooMatrix64 &m) {
   uint64_t h = 1469598103934665603ull;
@@ -218,14 +202,14 @@ public:
     ds_.Fem.refine_steps_done = 0;
     if (High_Precision())
       return 0;
-    std::vector<R> acc(n * omp_get_max_threads());
+    acc_.resize(n * omp_get_max_threads()); // residual scratch, kept for every batch
     for (int step = 0; step < ds_.Fem.refine_steps_max; step++) {
       double worst = 0.0;
 #pragma omp parallel for schedule(dynamic, 1) reduction(max : worst)
       for (int c = 0; c < nblk; c++) {
         const int64_t o = c * n;
         worst = std::max(worst, Residual_Column<R, X>(m_, x + o, b + o, w + o,
-                                                      acc.data() + n * omp_get_thread_num()));
+                                                      acc_.data() + n * omp_get_thread_num()));
       }
       ds_.Fem.residual_last = worst;
       if (worst <= ds_.Fem.refine_tol)
@@ -292,6 +276,7 @@ private:
   bool live_ = false;
   Block_Array<MUMPS_INT> irn_, jcn_;
   Block_Array<R> hp_;
+  std::vector<R> acc_;
 };
 
 // Analysis, factorisation and every batch of one arithmetic.

@@ -21,30 +21,21 @@ bool Entry_Used(const Data_Set &ds, int e) {
   return ds.use_dipoles_fem == 1 ? true : ds.pe[e].used > 0;
 }
 
-// Appends n values to a file, in chunks of the chunk rule.
+// Appends n values to a file; a failure is shown with the file's name.
 int Append_Values(Data_Set &ds, const std::string &path, const float *v, int64_t n) {
-  FILE *f = std::fopen(path.c_str(), "ab");
-  if (!f)
+  const int r = Write_Values_Chunks(path, v, n, true);
+  if (r == 2)
     return Show_Text(ds, "Error opening potentials binary file", MK_WARNING,
                      "Error in opening binary file with potential values\n%s", path.c_str());
-  const int64_t chunk = Chunk_Values(n);
-  bool ok = true;
-  for (int64_t done = 0; ok && done < n; done += chunk) {
-    const int64_t m = std::min(chunk, n - done);
-    ok = std::fwrite(v + done, sizeof(float), m, f) == static_cast<size_t>(m);
-  }
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok)
+  if (r)
     return Show_Text(ds, "Message", MK_WARNING, "Error in writing the file %s", path.c_str());
   return 0;
 }
 
 int Empty_File(Data_Set &ds, const std::string &path) {
   std::remove(path.c_str());
-  FILE *f = std::fopen(path.c_str(), "wb");
-  if (!f)
+  if (Write_Values_Chunks(path, nullptr, 0, false))
     return Show_Text(ds, "Message", MK_WARNING, "Unable to create the file %s", path.c_str());
-  std::fclose(f);
   return 0;
 }
 

@@ -118,6 +118,13 @@ int Forward_Synthetic_Data(Data_Set &ds, const Synthetic_Model &model, const cha
 
 namespace {
 
+constexpr double check_resistivity = 100.0; // ohm-m of the half-space checked
+
+// The half-space's value of a datum, in the form the data are held.
+double Half_Space_Value(const Data_Set &ds, const Data_Point &d) {
+  return (ds.resistance == 1 ? d.gfac : 1.0) * check_resistivity;
+}
+
 const char *Array_Kind(const Data_Point &d) {
   return d.nelec == 2 ? "pole-pole" : d.nelec == 3 ? "pole-dipole" : "four-electrode";
 }
@@ -132,16 +139,16 @@ double Median(std::vector<double> v) {
 } // namespace
 
 int Check_Mesh_Half_Space(Data_Set &ds, Mesh_Accuracy &acc) {
-  for (int i = 0; i < ds.mdata; i++)
-    if (Half_Space_Analytic_Ratio(ds, i) < 0.0)
-      return Refuse_Always(
-          ds, "Check mesh",
-          "The mesh can be checked only where a homogeneous half-space has analytic "
-          "values: flat ground, no water layer and geometric factors from the electrode "
-          "positions.");
+  if (!Half_Space_Analytic_Available(ds))
+    return Refuse_Always(
+        ds, "Check mesh",
+        "The mesh can be checked only where a homogeneous half-space has analytic "
+        "values: flat ground, no water layer and geometric factors from the electrode "
+        "positions.");
   const int normalise = ds.Fem.normalise_potentials;
   ds.Fem.normalise_potentials = 0;
-  std::vector<float> unit(std::max(ds.Model_grid.nmodel_blocks, 1), 100.0f);
+  std::vector<float> unit(std::max(ds.Model_grid.nmodel_blocks, 1),
+                          static_cast<float>(check_resistivity));
   const int ierr = Forward_Model_LS(ds, unit.data(), nullptr, 0);
   ds.Fem.normalise_potentials = normalise;
   if (ierr)
@@ -149,7 +156,7 @@ int Check_Mesh_Half_Space(Data_Set &ds, Mesh_Accuracy &acc) {
   acc = Mesh_Accuracy();
   acc.err.resize(ds.mdata);
   for (int i = 0; i < ds.mdata; i++) {
-    const double analytic = (ds.resistance == 1 ? ds.dp[i].gfac : 1.0) * 100.0;
+    const double analytic = Half_Space_Value(ds, ds.dp[i]);
     acc.err[i] = std::fabs(ds.Fem.rm[i] - analytic) / analytic;
   }
   std::vector<double> all(acc.err.begin(), acc.err.end());
@@ -180,7 +187,7 @@ int Check_Mesh_Half_Space(Data_Set &ds, Mesh_Accuracy &acc) {
   for (int r = 0; r < worst; r++) {
     const int i = order[r];
     const Data_Point &d = ds.dp[i];
-    const double analytic = (ds.resistance == 1 ? d.gfac : 1.0) * 100.0;
+    const double analytic = Half_Space_Value(ds, d);
     Panel(ds, "%8d %6d %6d %6d %6d %12.4f %12.4f %10.3f", i + 1, d.nc1 + 1,
           d.nelec == 4 ? d.nc2 + 1 : 0, d.np1 + 1, d.nelec > 2 ? d.np2 + 1 : 0, ds.Fem.rm[i],
           analytic, 100.0 * acc.err[i]);

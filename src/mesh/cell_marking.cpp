@@ -15,13 +15,20 @@ int64_t Thousandths(double v) {
   return std::llround(v * 1000.0);
 }
 
+// Index of the first of `n` lines at or past v.
+int First_Line_At(const double *lines, int n, double v) {
+  const int64_t p = Thousandths(v);
+  int i = 0;
+  while (i < n && Thousandths(lines[i]) < p)
+    i++;
+  return i;
+}
+
 // Cells [lo, hi) along one grid within `r` cells of position v; false if the
 // position is beyond the last line.
 bool Cell_Range(const double *lines, int nlines, double v, int r, int &lo, int &hi) {
   const int64_t p = Thousandths(v);
-  int i = 0;
-  while (i < nlines && Thousandths(lines[i]) < p)
-    i++;
+  const int i = First_Line_At(lines, nlines, v);
   if (i == nlines)
     return false;
   lo = Thousandths(lines[i]) == p ? i - r : i - r - 1;
@@ -48,15 +55,6 @@ int Mark_Cells(Model_Grid &g, double xpos, double ypos, int r, bool set_all) {
         c = 0;
     }
   return 1 + y0 * nbx + x0;
-}
-
-// Index of the first of `n` lines at or past v.
-int First_Line_At(const double *lines, int n, double v) {
-  const int64_t p = Thousandths(v);
-  int i = 0;
-  while (i < n && Thousandths(lines[i]) < p)
-    i++;
-  return i;
 }
 
 // Cell (i, j) holds (x, y) in its closed rectangle.

@@ -1,9 +1,9 @@
 // The model and mesh steps of a data file's read: settings from the data,
 // the layers, the main mesh, and the "Inversion Parameters" panel.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 
+#include "core/clock.h"
 #include "core/data_set.h"
 #include "core/messages.h"
 #include "core/trace.h"
@@ -174,11 +174,10 @@ int Call_Generate_Mesh(Data_Set &ds, const char *vtk_path) {
     return Refuse_Always(ds, "Message", "You must first read in a data file");
   const SemiStructured &ss = ds.Semistructured;
   const Model_Grid &g = ds.Model_grid;
-  const auto start = std::chrono::steady_clock::now();
+  const auto start = Clock::now();
   if (Set_SemiStructured_Mesh(ds))
     return 1;
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double seconds = Seconds_Since(start);
   Panel(ds, "Finite-element mesh: %s.",
         ss.use_dense_rect_mesh == 1 ? "dense rectangular" : "adaptive semi-structured");
   Panel(ds, "Main mesh nodes %dx%dx%d=%lld.", g.lx, g.ly, g.lzw,

@@ -1,0 +1,83 @@
+// Shared by the benchmarks: a front end that shows nothing but messages, and
+// the synthetic survey they time (dipole-dipole lines along x, on every
+// other grid line, over an n x n grid of electrodes 1 m apart, with user
+// layers).
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "core/front_end.h"
+
+// Messages go to stderr (only warnings when `warnings_only`); panel lines,
+// progress and questions are silent (every question answered No).
+inline Front_End Silent_Front_End(bool warnings_only) {
+  Front_End fe;
+  if (warnings_only)
+    fe.message = [](void *, const char *title, const char *text, int kind) {
+      if (kind == MK_WARNING)
+        std::fprintf(stderr, "%s: %s\n", title, text);
+    };
+  else
+    fe.message = [](void *, const char *title, const char *text, int) {
+      std::fprintf(stderr, "%s: %s\n", title, text);
+    };
+  fe.question = [](void *, const char *, const char *) { return 0; };
+  fe.panel_line = [](void *, const char *, int) {};
+  fe.progress = [](void *, const char *, double) { return 0; };
+  fe.beep = [](void *) {};
+  return fe;
+}
+
+// The data file's text: `title` on its first line, n x n grid lines and
+// electrodes, `layers` user layers growing by 1.15 from 0.5 m.
+inline std::string Make_Grid_Survey(const char *title, int n, int layers) {
+  std::string f;
+  char line[256];
+  f += title;
+  f += "\n";
+  std::snprintf(line, sizeof line, "%d,%d\nNonuniform Grid\nX-location of grid lines\n", n, n);
+  f += line;
+  for (int axis = 0; axis < 2; axis++) {
+    for (int i = 0; i < n; i++) {
+      std::snprintf(line, sizeof line, "%d.00 ", i);
+      f += line;
+    }
+    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
+  }
+  std::snprintf(line, sizeof line,
+                "3\nPoint Electrodes outside grid present\nNumber of point electrodes\n%d\n"
+                "Compressed format used for point electrodes coordinates\n",
+                n * n);
+  f += line;
+  for (int j = 0, e = 1; j < n; j++)
+    for (int i = 0; i < n; i++, e++) {
+      std::snprintf(line, sizeof line, "%d %d.000,%d.000,0.000\n", e, i, j);
+      f += line;
+    }
+  std::snprintf(line, sizeof line,
+                "User defined depths to layers present\nNumber of layers\n%d\nDepth of layers\n",
+                layers);
+  f += line;
+  double depth = 0.0, t = 0.5;
+  for (int k = 1; k <= layers; k++) {
+    depth += t;
+    t *= 1.15;
+    std::snprintf(line, sizeof line, "%d %.4f\n", k, depth);
+    f += line;
+  }
+  std::string points;
+  int count = 0;
+  for (int j = 0; j < n; j += 2)
+    for (int i = 0; i + 3 < n; i++)
+      for (int s = 1; s <= 6 && i + s + 2 < n; s++, count++) {
+        std::snprintf(line, sizeof line, "%d %d %d %d %d %d %d %d 100.0\n", i + s + 1, j, i + s + 2,
+                      j, i + 1, j, i, j);
+        points += line;
+      }
+  std::snprintf(line, sizeof line, "%d\n", count);
+  f += line;
+  f += points;
+  f += "0\n0\n0\n0\n0\n";
+  return f;
+}
