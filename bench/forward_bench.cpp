@@ -338,22 +338,25 @@ int Run_Case(int n, int reps) {
   const Run_Result my = Median_Run(yard);
   Print_Cholmod_Row("median", my);
 
-  const double rt = mf.wall / my.wall, rm = mf.peak_mb / my.peak_mb;
-  std::printf("\nSummary, %d nodes (median of %d runs, peak memory of the whole process)\n",
-              fwd[0].nodes, reps);
-  std::printf("  %-58s %9s %9s\n", "", "seconds", "peak MB");
-  std::printf("  %-58s %9.2f %9.0f\n", "forward model (MUMPS single + refinement, all sources)",
-              mf.wall, mf.peak_mb);
-  std::printf("  %-58s %9.2f %9.0f\n", "CHOLMOD analyse+factor+128 solves", my.wall, my.peak_mb);
-  std::printf("  %-58s %9.2f %9.2f\n", "ratio forward/CHOLMOD", rt, rm);
-  std::printf("  %-58s %9.2f %9.2f\n", "goal (ratio at most)", goal_time, goal_memory);
-  // The forward model solves every source, the yardstick 128: the same
-  // yardstick with its solves scaled to the forward model's sources.
+  // The forward model solves every source of the survey, the yardstick 128:
+  // the same yardstick with its solves scaled to the forward model's sources
+  // is the like-for-like comparison; both are shown.
   const double same = my.t_analysis + my.t_factor + my.t_solve * fwd[0].nsources / yard_rhs;
+  const double rt = mf.wall / my.wall, rs = mf.wall / same, rm = mf.peak_mb / my.peak_mb;
+  auto verdict = [](double ratio, double goal) { return ratio <= goal ? "met" : "NOT MET"; };
+  std::printf("\nSummary, %d nodes, %d sources (median of %d runs, peak memory of the whole "
+              "process)\n",
+              fwd[0].nodes, fwd[0].nsources, reps);
+  std::printf("  %-58s %9s %9s\n", "", "seconds", "peak MB");
+  std::printf("  %-58s %9.2f %9.0f\n", "forward model (MUMPS single, all sources)", mf.wall,
+              mf.peak_mb);
+  std::printf("  %-58s %9.2f %9.0f\n", "CHOLMOD analyse+factor+128 solves", my.wall, my.peak_mb);
   std::printf("  %-58s %9.2f\n", "CHOLMOD with its solves scaled to the same sources", same);
-  std::printf("  %-58s %9.2f\n", "ratio forward/CHOLMOD, same sources", mf.wall / same);
-  std::printf("  %-58s %9s %9s\n", "", rt <= goal_time ? "met" : "NOT MET",
-              rm <= goal_memory ? "met" : "NOT MET");
+  std::printf("  %-58s %9.2f %9.2f   goal %.2f / %.2f: %s / %s\n",
+              "ratio forward/CHOLMOD with 128 solves", rt, rm, goal_time, goal_memory,
+              verdict(rt, goal_time), verdict(rm, goal_memory));
+  std::printf("  %-58s %9.2f %9s   goal %.2f: %s\n", "ratio forward/CHOLMOD, same sources", rs, "",
+              goal_time, verdict(rs, goal_time));
   return 0;
 }
 

@@ -38,7 +38,7 @@ public:
   int jacob = 0;             // store the element matrices and the whole fields
   int double_precision = 0;  // factorise in double precision (checks and benchmarks)
   int refine_steps_max = 3;  // mixed-precision refinement steps
-  double refine_tol = 1e-6;  // relative residual the refinement aims at
+  double refine_tol = 1e-4;  // relative residual above which a batch is refined
   int refine_steps_done = 0; // steps taken in the last solve
   double residual_last = 0.0;
 

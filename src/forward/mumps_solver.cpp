@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <type_traits>
 #include <vector>
 
 #include "core/clock.h"
@@ -24,6 +25,12 @@
 namespace {
 
 constexpr int use_comm_world = -987654;
+// Columns of a batch whose residual decides on refinement.
+constexpr int refine_sample = 8;
+// Columns the library solves together inside a batch, and the sources whose
+// right-hand sides are set up together.
+constexpr int solve_block = 64;
+constexpr int rhs_chunk = 8;
 
 // The four arithmetics behind one interface.
 template <class S, class V, void (*F)(S *)> struct Mumps_Arithmetic {
@@ -98,7 +105,8 @@ std::complex<double> Matrix_Value<std::complex<double>>(const CooMatrix64 &m, in
 }
 
 // r = b - A x for one column, in double, from the upper-triangle matrix
-// (complex symmetric: no conjugation). `acc` holds n values of scratch.
+// (complex symmetric: no conjugation); r may be b itself. `acc` holds n
+// values of scratch.
 // Returns |r| / |b|.
 template <class R, class X>
 double Residual_Column(const CooMatrix64 &m, const X *x, const X *b, X *r, R *acc) {
@@ -118,10 +126,10 @@ double Residual_Column(const CooMatrix64 &m, const X *x, const X *b, X *r, R *ac
   }
   double rn = 0.0, bn = 0.0;
   for (int64_t i = 0; i < n; i++) {
-    const R d = R(b[i]) - acc[i];
+    const R bi = R(b[i]), d = bi - acc[i];
     r[i] = X(d);
     rn += std::norm(std::complex<double>(d));
-    bn += std::norm(std::complex<double>(R(b[i])));
+    bn += std::norm(std::complex<double>(bi));
   }
   return bn > 0.0 ? std::sqrt(rn / bn) : 0.0;
 }
@@ -190,36 +198,75 @@ public:
     }
     return id_.infog[0] < 0 ? id_.infog[0] : 0;
   }
-  // Phase 33 for nblk columns: x (float storage) from b, refined.
-  int Solve(int nblk, const X *b, X *x, X *w) {
+  // The right-hand sides of a batch go to the library in sparse form: the
+  // sources are a few nodes each, and the forward elimination then follows
+  // only the paths from those nodes to the root. Columns are added a few at
+  // a time from dense scratch.
+  void Clear_Rhs() {
+    sp_ptr_.assign(1, 1);
+    sp_row_.clear();
+    sp_val_.clear();
+  }
+  void Add_Rhs_Columns(int ncols, const X *cols) {
+    const int64_t n = m_.n;
+    for (int c = 0; c < ncols; c++) {
+      const X *col = cols + static_cast<int64_t>(c) * n;
+      for (int64_t i = 0; i < n; i++)
+        if (col[i] != X(0)) {
+          sp_row_.push_back(static_cast<MUMPS_INT>(i + 1));
+          sp_val_.push_back(Val_Of(col[i]));
+        }
+      sp_ptr_.push_back(static_cast<MUMPS_INT>(sp_row_.size() + 1));
+    }
+  }
+  // Phase 33 for the columns added since Clear_Rhs: x (float storage),
+  // refined when a sample of the columns shows the single-precision residual
+  // above the tolerance.
+  int Solve(X *x) {
+    const int nblk = static_cast<int>(sp_ptr_.size()) - 1;
     const int64_t n = m_.n, total = n * nblk;
     id_.nrhs = nblk;
     id_.lrhs = static_cast<MUMPS_INT>(n);
-    id_.icntl[26] = std::max(1, nblk);
-    std::copy(b, b + total, x);
-    if (Solve_In_Place(x, total))
-      return 1;
-    ds_.Fem.refine_steps_done = 0;
+    // The library's own block of columns bounds its solve work space.
+    id_.icntl[26] = std::clamp(nblk, 1, solve_block);
+    id_.nz_rhs = static_cast<MUMPS_INT>(sp_row_.size());
+    id_.irhs_ptr = sp_ptr_.data();
+    id_.irhs_sparse = sp_row_.data();
+    id_.rhs_sparse = sp_val_.data();
+    id_.icntl[19] = 1; // sparse right-hand sides, sparsity exploited
+    int err = Solve_In_Place(x, total, false);
+    id_.icntl[19] = 0;
+    if (err)
+      return err;
+    Fem_State &fem = ds_.Fem;
+    fem.refine_steps_done = 0;
+    fem.residual_last = 0.0;
     if (High_Precision())
       return 0;
     acc_.resize(n * omp_get_max_threads()); // residual scratch, kept for every batch
-    for (int step = 0; step < ds_.Fem.refine_steps_max; step++) {
-      double worst = 0.0;
-#pragma omp parallel for schedule(dynamic, 1) reduction(max : worst)
-      for (int c = 0; c < nblk; c++) {
-        const int64_t o = c * n;
-        worst = std::max(worst, Residual_Column<R, X>(m_, x + o, b + o, w + o,
-                                                      acc_.data() + n * omp_get_thread_num()));
-      }
-      ds_.Fem.residual_last = worst;
-      if (worst <= ds_.Fem.refine_tol)
+    // The residual of a few columns spread over the batch tells whether the
+    // factor's precision is enough for this matrix.
+    const int sample = std::min(nblk, refine_sample);
+    if (w_.size() < sample * n && w_.Resize(ds_, sample * n, "refinement"))
+      return 1;
+    double worst = Worst_Residual(sample, nblk, x);
+    fem.residual_last = worst;
+    if (worst <= fem.refine_tol)
+      return 0;
+    if (w_.size() < total && w_.Resize(ds_, total, "refinement"))
+      return 1;
+    for (int step = 0; step < fem.refine_steps_max; step++) {
+      if (step > 0 || sample < nblk)
+        worst = Worst_Residual(nblk, nblk, x);
+      fem.residual_last = worst;
+      if (worst <= fem.refine_tol)
         break;
-      if (Solve_In_Place(w, total))
-        return 1;
+      if ((err = Solve_In_Place(w_.data(), total)))
+        return err;
 #pragma omp parallel for schedule(static)
       for (int64_t k = 0; k < total; k++)
-        x[k] += w[k];
-      ds_.Fem.refine_steps_done = step + 1;
+        x[k] += w_[k];
+      fem.refine_steps_done = step + 1;
     }
     return 0;
   }
@@ -238,6 +285,10 @@ public:
     irn_.Free();
     jcn_.Free();
     hp_.Free();
+    w_.Free();
+    std::vector<MUMPS_INT>().swap(sp_ptr_);
+    std::vector<MUMPS_INT>().swap(sp_row_);
+    std::vector<typename M::Val>().swap(sp_val_);
   }
 
 private:
@@ -250,13 +301,51 @@ private:
     else
       return reinterpret_cast<typename M::Val *>(m_.a.data());
   }
-  int Solve_In_Place(X *v, int64_t total) {
+  // The largest relative residual of `count` columns spread evenly over the
+  // batch; the residual of the s-th checked column is left in column s of w_.
+  double Worst_Residual(int count, int nblk, const X *x) {
+    const int64_t n = m_.n;
+    X *w = w_.data();
+    double worst = 0.0;
+#pragma omp parallel for schedule(dynamic, 1) reduction(max : worst)
+    for (int s = 0; s < count; s++) {
+      const int c = count == nblk ? s : (s * nblk) / count;
+      X *r = w + static_cast<int64_t>(s) * n;
+      // The column's right-hand side back from its sparse form.
+      std::fill(r, r + n, X(0));
+      for (MUMPS_INT k = sp_ptr_[c] - 1; k < sp_ptr_[c + 1] - 1; k++)
+        r[sp_row_[k] - 1] = X_Of(sp_val_[k]);
+      worst = std::max(worst, Residual_Column<R, X>(m_, x + static_cast<int64_t>(c) * n, r, r,
+                                                    acc_.data() + n * omp_get_thread_num()));
+    }
+    return worst;
+  }
+  static typename M::Val Val_Of(X v) {
+    typename M::Val r;
+    if constexpr (std::is_same_v<X, float>) {
+      r = static_cast<typename M::Val>(v);
+    } else {
+      r.r = v.real();
+      r.i = v.imag();
+    }
+    return r;
+  }
+  static X X_Of(typename M::Val v) {
+    if constexpr (std::is_same_v<X, float>)
+      return static_cast<X>(v);
+    else
+      return X(v.r, v.i);
+  }
+  // One solve; the result goes to v (which holds the right-hand sides when
+  // `dense_rhs`).
+  int Solve_In_Place(X *v, int64_t total, bool dense_rhs = true) {
     if constexpr (High_Precision()) {
       // Double arithmetic: the columns go through a double copy.
       if (hp_.size() < total && hp_.Resize(ds_, total, "right-hand sides double"))
         return 1;
-      for (int64_t k = 0; k < total; k++)
-        hp_[k] = R(v[k]);
+      if (dense_rhs)
+        for (int64_t k = 0; k < total; k++)
+          hp_[k] = R(v[k]);
       id_.rhs = reinterpret_cast<typename M::Val *>(hp_.data());
       id_.job = 3;
       M::Call(&id_);
@@ -267,7 +356,7 @@ private:
       id_.job = 3;
       M::Call(&id_);
     }
-    return 0;
+    return id_.infog[0] < 0 ? id_.infog[0] : 0;
   }
 
   Data_Set &ds_;
@@ -276,6 +365,9 @@ private:
   bool live_ = false;
   Block_Array<MUMPS_INT> irn_, jcn_;
   Block_Array<R> hp_;
+  Block_Array<X> w_; // residuals and corrections
+  std::vector<MUMPS_INT> sp_ptr_, sp_row_;
+  std::vector<typename M::Val> sp_val_;
   std::vector<R> acc_;
 };
 
@@ -324,11 +416,10 @@ template <class M, class X, class R> int Run_Solver(Data_Set &ds, const char *ki
   const int nsrc = fem.nsources;
   m.Set_nrhs(nsrc, ds.ssd_cache, threads);
   const int64_t vw = cmplx ? 2 : 1;
-  Block_Array<float> b, x, w;
+  Block_Array<float> b, x;
   auto take = [&](int64_t nrhs) {
-    const int64_t len = nrhs * m.n * vw;
-    return b.Resize(ds, len, "right-hand sides") == 0 && x.Resize(ds, len, "potentials") == 0 &&
-           w.Resize(ds, len, "refinement") == 0;
+    return b.Resize(ds, std::min<int64_t>(nrhs, rhs_chunk) * m.n * vw, "right-hand sides") == 0 &&
+           x.Resize(ds, nrhs * m.n * vw, "potentials") == 0;
   };
   ds.quiet++;
   bool ok = take(m.nrhs);
@@ -353,11 +444,19 @@ template <class M, class X, class R> int Run_Solver(Data_Set &ds, const char *ki
     Progress_Text(ds, static_cast<double>(first) / std::max(nsrc, 1),
                   "FEM electrode %d/%d %3.0f%% ss %d", first + nblk, nsrc,
                   100.0 * (first + nblk) / std::max(nsrc, 1), static_cast<int>(m.n));
-    if (set_elec_numbers_ss(ds, nblk, list, b.data(), cmplx))
+    run.Clear_Rhs();
+    for (int c = 0; c < nblk; c += rhs_chunk) {
+      const int k = std::min(rhs_chunk, nblk - c);
+      if (set_elec_numbers_ss(ds, k, list + c, b.data(), cmplx))
+        return 1;
+      run.Add_Rhs_Columns(k, reinterpret_cast<const X *>(b.data()));
+    }
+    if (run.Solve(reinterpret_cast<X *>(x.data()))) {
+      Show_Text(ds, "Finite-element solution real routine", MK_WARNING,
+                "Error in solving finite-element real matrix.\nError code %lld\n",
+                static_cast<long long>(run.Error()));
       return 1;
-    if (run.Solve(nblk, reinterpret_cast<const X *>(b.data()), reinterpret_cast<X *>(x.data()),
-                  reinterpret_cast<X *>(w.data())))
-      return 1;
+    }
     TRACE("batch %d nblk %d refinement steps %d residual %.3e\n", loop, nblk, fem.refine_steps_done,
           fem.residual_last);
     if (seq_save_vpot_nblk_ss(ds, nblk, list, x.data(), cmplx))

@@ -215,24 +215,33 @@ TEST(Forward_Accuracy, HomogeneousHalfSpaceOfTheExamples) {
       ASSERT_TRUE(std::isfinite(rm1000[i]) && rm100[i] > 0.0) << i;
       worst = std::max(worst, std::fabs(rm1000[i] / rm100[i] / 10.0 - 1.0));
     }
-    EXPECT_LT(worst, 1e-5);
+    // Single precision: the two factors round differently.
+    EXPECT_LT(worst, 1e-4);
     std::printf("[ %s ] 1000 / 100 ohm-m ratio: largest departure from 10 %.3g\n", name, worst);
   }
 }
 
 TEST(Forward_Accuracy, TwoLayerEarthAgainstImageSeries) {
+  // The layered earth needs the mesh a user would pick for it: the dense
+  // rectangular mesh, the finer vertical division (elements near the
+  // surface close to cubes: the five-tetrahedron hexahedron loses accuracy
+  // on flat elements) and buffers reaching further out, since the current
+  // spreads sideways in the conductive half-space.
   const double rho1 = 100.0, rho2 = 10.0, h = 3.0;
-  const std::vector<double> depths = {0.75, 1.5, 2.25, 3.0, 4.0, 5.5, 7.5, 10.0, 13.0};
+  const std::vector<double> depths = {1.0, 2.0, 3.0, 4.0, 5.25, 6.75, 8.5, 10.5, 13.0};
   const std::string text = With_User_Depths("grid_9x14.dat", depths);
   ASSERT_FALSE(text.empty());
 
   Survey s;
+  s.ds->Semistructured.use_dense_rect_mesh = 1;
+  s.ds->Model_grid.nodes_per_layer_setting = 1;
+  s.ds->Model_grid.buffer_rate = 1.4;
   ASSERT_EQ(s.Read_Text("two_layer.dat", text), 0);
   Data_Set &ds = *s.ds;
   const Model_Grid &g = ds.Model_grid;
   ASSERT_EQ(g.user_depths, 1);
   ASSERT_EQ(g.nlayers, static_cast<int>(depths.size()));
-  EXPECT_NEAR(g.zbl[4] * ds.spxx, h, 1e-5) << "the interface lies on a layer boundary";
+  EXPECT_NEAR(g.zbl[3] * ds.spxx, h, 1e-5) << "the interface lies on a layer boundary";
 
   std::vector<float> res(std::max(g.nmodel_blocks, 1), static_cast<float>(rho2));
   int upper = 0;
@@ -241,7 +250,7 @@ TEST(Forward_Accuracy, TwoLayerEarthAgainstImageSeries) {
       res[m] = static_cast<float>(rho1);
       upper++;
     }
-  EXPECT_EQ(upper, 4 * g.nblockx * g.nblocky);
+  EXPECT_EQ(upper, 3 * g.nblockx * g.nblocky);
 
   ds.Fem.normalise_potentials = 1;
   ds.Fem.norm_ready = 0;
@@ -266,10 +275,7 @@ TEST(Forward_Accuracy, TwoLayerEarthAgainstImageSeries) {
   // The layering shows in the data: the longest arrays see far below rho1.
   EXPECT_LT(lowest, 0.6 * rho1);
   EXPECT_GT(highest, 0.9 * rho1);
-  // The goal is 1 %. The default mesh reaches 3.4 % here (the calculated
-  // values run high with array length, and a finer vertical mesh does not
-  // bring them down yet): this bound guards what is reached until then.
-  EXPECT_LT(worst, 0.04) << "datum " << worst_at + 1;
+  EXPECT_LT(worst, 0.01) << "datum " << worst_at + 1;
   std::printf("two-layer earth: analytic %.2f..%.2f ohm-m, largest error %.4f %% (datum %d)\n",
               lowest, highest, 100.0 * worst, worst_at + 1);
 }
@@ -293,6 +299,25 @@ TEST(Forward_Accuracy, SinglePrecisionAgreesWithDouble) {
   EXPECT_LT(worst, 1e-3);
   std::printf("box model: largest box effect %.2f %%, single against double %.3g\n",
               100.0 * strongest, worst);
+
+  // The single factor's residual is far below the refinement tolerance here;
+  // asked for a residual it cannot reach alone, the solve refines every batch
+  // in double and comes closer to the double-precision solution.
+  ASSERT_EQ(ref.s.Forward(ref.res).size(), rm.size());
+  const double unrefined_residual = ds.Fem.residual_last;
+  EXPECT_EQ(ds.Fem.refine_steps_done, 0);
+  EXPECT_GT(unrefined_residual, 0.0);
+  EXPECT_LT(unrefined_residual, ds.Fem.refine_tol);
+  ds.Fem.refine_tol = 1e-12;
+  const std::vector<double> refined = ref.s.Forward(ref.res);
+  ds.Fem.refine_tol = Fem_State().refine_tol;
+  ASSERT_EQ(refined.size(), rm.size());
+  EXPECT_EQ(ds.Fem.refine_steps_done, ds.Fem.refine_steps_max);
+  EXPECT_LT(ds.Fem.residual_last, 0.5 * unrefined_residual); // down to the float storage of x
+  const double worst_refined = Largest_Relative_Difference(refined, rm);
+  EXPECT_LE(worst_refined, 0.5 * worst);
+  std::printf("box model: residual %.3g unrefined, %.3g after %d steps; against double %.3g\n",
+              unrefined_residual, ds.Fem.residual_last, ds.Fem.refine_steps_done, worst_refined);
 }
 
 TEST(Forward_Accuracy, DipoleSourcesAgreeWithPointSources) {
