@@ -95,7 +95,8 @@ int Forward_Synthetic_Data(Data_Set &ds, const Synthetic_Model &model, const cha
   const bool with_ip = model.has_ip && ds.Data_ip.typeip > 0;
   if (with_ip)
     ds.Data_ip.complex_forward_model = 1;
-  if (Forward_Model_LS(ds, res.data(), with_ip ? ip.data() : nullptr, 0))
+  if (Forward_Model_Memory_Check(ds) ||
+      Forward_Model_LS(ds, res.data(), with_ip ? ip.data() : nullptr, 0))
     return 1;
   std::mt19937_64 rng(seed);
   std::normal_distribution<double> gauss(0.0, 1.0);
@@ -145,6 +146,8 @@ int Check_Mesh_Half_Space(Data_Set &ds, Mesh_Accuracy &acc) {
         "The mesh can be checked only where a homogeneous half-space has analytic "
         "values: flat ground, no water layer and geometric factors from the electrode "
         "positions.");
+  if (Forward_Model_Memory_Check(ds))
+    return 1;
   const int normalise = ds.Fem.normalise_potentials;
   ds.Fem.normalise_potentials = 0;
   std::vector<float> unit(std::max(ds.Model_grid.nmodel_blocks, 1),
