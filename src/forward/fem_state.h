@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "core/memory.h"
+#include "forward/blkfct.h"
 #include "forward/coo_matrix.h"
 
 constexpr int max_elec_nodes = 16;
@@ -34,12 +35,15 @@ class Fem_State {
 public:
   CooMatrix64 coomatrix64;
   Matrix_Ordering ordering;
+  Blkfct blkfct;          // the block solver's structure (during its solve)
+  int num_single_omp = 0; // block solver: columns each thread solves at once
 
-  int jacob = 0;             // store the element matrices and the whole fields
-  int double_precision = 0;  // factorise in double precision (checks and benchmarks)
-  int refine_steps_max = 3;  // mixed-precision refinement steps
-  double refine_tol = 1e-4;  // relative residual above which a batch is refined
-  int refine_steps_done = 0; // steps taken in the last solve
+  int jacob = 0;                // store the element matrices and the whole fields
+  int double_precision = 0;     // factorise in double precision (checks and benchmarks)
+  int refine_steps_max = 3;     // mixed-precision refinement steps
+  double refine_tol = 1e-4;     // relative residual above which a batch is refined
+  double blk_refine_tol = 1e-6; // the block solver refines its single factor to this
+  int refine_steps_done = 0;    // steps taken in the last solve
   double residual_last = 0.0;
 
   // Element store for the Jacobian: unit-conductivity values of each element

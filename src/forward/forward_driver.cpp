@@ -145,12 +145,7 @@ int Forward_Model_FEM_MUMPS_ll_ss(Data_Set &ds) {
       m.Get_CSR(ds, ds.file_names.temp[TF_TEMPFILE]))
     return 1;
   fem.t_assembly = Seconds_Since(t0);
-  if (ds.Data_lim_sys.cpu_type_solver > 0) {
-    show_message(ds, "The generic block solver is not available yet; the MUMPS solver is used.",
-                 "Message", MK_INFORMATION);
-    ds.Data_lim_sys.cpu_type_solver = 0;
-  }
-  return Use_MUMPS_Solver(ds);
+  return ds.Data_lim_sys.cpu_type_solver > 0 ? Use_BLKFCT_Solver(ds) : Use_MUMPS_Solver(ds);
 }
 
 int Call_Forward_Model_Calculation(Data_Set &ds) {

@@ -20,6 +20,7 @@
 #include "core/messages.h"
 #include "core/trace.h"
 #include "forward/forward.h"
+#include "forward/refinement.h"
 #include "survey/survey_text.h"
 
 namespace {
@@ -60,19 +61,17 @@ uint64_t Pattern_Hash(const CooMatrix64 &m) {
 // pattern stays the same.
 int Set_Ordering(Data_Set &ds) {
   CooMatrix64 &m = ds.Fem.coomatrix64;
-  Matrix_Ordering &o = ds.Fem.ordering;
-  const uint64_t h = Pattern_Hash(m);
-  if (o.n == m.n && o.count == m.count && o.pattern_hash == h && o.iperm.size() == m.n) {
+  if (Ordering_Current(ds)) {
     TRACE("Ordering reused n %lld\n", static_cast<long long>(m.n));
     return 0;
   }
   const auto t0 = Clock::now();
   progress(ds, "Setting up ss mesh matrix ordering..", 0.0);
   const int64_t nadj = 2 * (m.count - m.n);
-  Block_Array<idx_t> xadj, adjncy, perm;
+  Block_Array<idx_t> xadj, adjncy, perm, iperm;
   if (xadj.Resize(ds, m.n + 1, "ordering xadj") ||
       adjncy.Resize(ds, std::max<int64_t>(nadj, 1), "ordering adjncy") ||
-      perm.Resize(ds, m.n, "ordering perm") || o.iperm.Resize(ds, m.n, "ordering iperm"))
+      perm.Resize(ds, m.n, "ordering perm") || iperm.Resize(ds, m.n, "ordering iperm"))
     return 1;
   if (m.Set_Adjacency_From_CSR(INT64_MAX, xadj.data(), adjncy.data()) < 0)
     return 1;
@@ -81,58 +80,41 @@ int Set_Ordering(Data_Set &ds) {
   options[METIS_OPTION_NUMBERING] = 1;
   idx_t nv = static_cast<idx_t>(m.n);
   const int r =
-      METIS_NodeND(&nv, xadj.data(), adjncy.data(), nullptr, options, perm.data(), o.iperm.data());
+      METIS_NodeND(&nv, xadj.data(), adjncy.data(), nullptr, options, perm.data(), iperm.data());
   if (r != METIS_OK) {
-    o.n = 0;
     Show_Text(ds, "Message", MK_WARNING, "METIS ordering error code %d\n", r);
     return 1;
   }
-  o.n = m.n;
-  o.count = m.count;
-  o.pattern_hash = h;
-  o.seconds = Seconds_Since(t0);
-  TRACE("METIS_NodeND n %lld time %.2f\n", static_cast<long long>(m.n), o.seconds);
+  if (Keep_Ordering(ds, iperm.data()))
+    return 1;
+  ds.Fem.ordering.seconds = Seconds_Since(t0);
+  TRACE("METIS_NodeND n %lld time %.2f\n", static_cast<long long>(m.n), ds.Fem.ordering.seconds);
   return 0;
 }
 
-template <class R> R Matrix_Value(const CooMatrix64 &m, int64_t k);
-template <> double Matrix_Value<double>(const CooMatrix64 &m, int64_t k) {
-  return m.ad[k];
-}
-template <>
-std::complex<double> Matrix_Value<std::complex<double>>(const CooMatrix64 &m, int64_t k) {
-  return {m.ad[2 * k], m.ad[2 * k + 1]};
+} // namespace
+
+bool Ordering_Current(Data_Set &ds) {
+  const CooMatrix64 &m = ds.Fem.coomatrix64;
+  const Matrix_Ordering &o = ds.Fem.ordering;
+  return o.n == m.n && o.count == m.count && o.iperm.size() == m.n &&
+         o.pattern_hash == Pattern_Hash(m);
 }
 
-// r = b - A x for one column, in double, from the upper-triangle matrix
-// (complex symmetric: no conjugation); r may be b itself. `acc` holds n
-// values of scratch.
-// Returns |r| / |b|.
-template <class R, class X>
-double Residual_Column(const CooMatrix64 &m, const X *x, const X *b, X *r, R *acc) {
-  const int64_t n = m.n;
-  std::fill(acc, acc + n, R(0));
-  for (int64_t i = 0; i < n; i++) {
-    const R xi = R(x[i]);
-    R s = 0;
-    for (int64_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; k++) {
-      const int64_t j = m.ja[k] - 1;
-      const R a = Matrix_Value<R>(m, k);
-      s += a * R(x[j]);
-      if (j != i)
-        acc[j] += a * xi;
-    }
-    acc[i] += s;
-  }
-  double rn = 0.0, bn = 0.0;
-  for (int64_t i = 0; i < n; i++) {
-    const R bi = R(b[i]), d = bi - acc[i];
-    r[i] = X(d);
-    rn += std::norm(std::complex<double>(d));
-    bn += std::norm(std::complex<double>(bi));
-  }
-  return bn > 0.0 ? std::sqrt(rn / bn) : 0.0;
+int Keep_Ordering(Data_Set &ds, const int *iperm) {
+  const CooMatrix64 &m = ds.Fem.coomatrix64;
+  Matrix_Ordering &o = ds.Fem.ordering;
+  o.n = 0;
+  if (o.iperm.Resize(ds, std::max<int64_t>(m.n, 1), "ordering iperm"))
+    return 1;
+  std::copy(iperm, iperm + m.n, o.iperm.data());
+  o.n = m.n;
+  o.count = m.count;
+  o.pattern_hash = Pattern_Hash(m);
+  return 0;
 }
+
+namespace {
 
 // One factorisation and its solves. X is the stored precision of the
 // solutions (float or complex<float>), R the residual's (double or

@@ -1,0 +1,314 @@
+// Numeric work of the block Cholesky solver: the left-looking supernodal
+// factorisation (updates from descendants as dense products, the panel
+// factorised in blocks) and the multi-column forward and back solves. The
+// dense work goes through BLAS level 3; complex matrices are symmetric, so
+// every transpose is a plain one (no conjugation).
+#include <cblas.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <complex>
+#include <vector>
+
+#include "forward/blkfct.h"
+
+namespace {
+
+using cf = std::complex<float>;
+using cd = std::complex<double>;
+
+CBLAS_TRANSPOSE Tr(bool t) {
+  return t ? CblasTrans : CblasNoTrans;
+}
+
+// C = alpha op(A) op(B) + beta C, column-major.
+void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, float alpha, const float *a,
+          int64_t lda, const float *b, int64_t ldb, float beta, float *c, int64_t ldc) {
+  cblas_sgemm(CblasColMajor, Tr(ta), Tr(tb), m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
+}
+void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, double alpha, const double *a,
+          int64_t lda, const double *b, int64_t ldb, double beta, double *c, int64_t ldc) {
+  cblas_dgemm(CblasColMajor, Tr(ta), Tr(tb), m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
+}
+void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, cf alpha, const cf *a, int64_t lda,
+          const cf *b, int64_t ldb, cf beta, cf *c, int64_t ldc) {
+  cblas_cgemm(CblasColMajor, Tr(ta), Tr(tb), m, n, k, &alpha, a, lda, b, ldb, &beta, c, ldc);
+}
+void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, cd alpha, const cd *a, int64_t lda,
+          const cd *b, int64_t ldb, cd beta, cd *c, int64_t ldc) {
+  cblas_zgemm(CblasColMajor, Tr(ta), Tr(tb), m, n, k, &alpha, a, lda, b, ldb, &beta, c, ldc);
+}
+
+// Triangular solves with the lower triangle L of a diagonal block:
+// right side B = B op(L)^-1, left side B = op(L)^-1 B.
+void Trsm(bool right, bool trans, int64_t m, int64_t n, const float *l, int64_t ldl, float *b,
+          int64_t ldb) {
+  cblas_strsm(CblasColMajor, right ? CblasRight : CblasLeft, CblasLower, Tr(trans), CblasNonUnit, m,
+              n, 1.0f, l, ldl, b, ldb);
+}
+void Trsm(bool right, bool trans, int64_t m, int64_t n, const double *l, int64_t ldl, double *b,
+          int64_t ldb) {
+  cblas_dtrsm(CblasColMajor, right ? CblasRight : CblasLeft, CblasLower, Tr(trans), CblasNonUnit, m,
+              n, 1.0, l, ldl, b, ldb);
+}
+void Trsm(bool right, bool trans, int64_t m, int64_t n, const cf *l, int64_t ldl, cf *b,
+          int64_t ldb) {
+  const cf one(1.0f);
+  cblas_ctrsm(CblasColMajor, right ? CblasRight : CblasLeft, CblasLower, Tr(trans), CblasNonUnit, m,
+              n, &one, l, ldl, b, ldb);
+}
+void Trsm(bool right, bool trans, int64_t m, int64_t n, const cd *l, int64_t ldl, cd *b,
+          int64_t ldb) {
+  const cd one(1.0);
+  cblas_ztrsm(CblasColMajor, right ? CblasRight : CblasLeft, CblasLower, Tr(trans), CblasNonUnit, m,
+              n, &one, l, ldl, b, ldb);
+}
+
+// A pivot that cannot be taken: not positive (real) or zero (complex).
+template <class T> bool Bad_Pivot(T d) {
+  if constexpr (std::is_floating_point_v<T>)
+    return !(d > T(0));
+  else
+    return !(std::abs(d) > 0) || !std::isfinite(std::abs(d));
+}
+
+constexpr int64_t panel_block = 64;
+
+// Factorises the panel of one supernode in place (rows x w, leading
+// dimension rows): blocks of columns, each with a small column kernel on its
+// diagonal block, a triangular solve below and a product into the columns
+// to its right. Returns the failing column from 1 within the panel, or 0.
+template <class T> int64_t Factor_Panel(T *p, int64_t rows, int64_t w) {
+  for (int64_t kb = 0; kb < w; kb += panel_block) {
+    const int64_t nb = std::min(panel_block, w - kb);
+    T *d = p + kb + kb * rows;
+    for (int64_t c = 0; c < nb; c++) {
+      T *col = d + c * rows;
+      if (Bad_Pivot(col[c]))
+        return kb + c + 1;
+      const T root = std::sqrt(col[c]);
+      col[c] = root;
+      const T inv = T(1) / root;
+      for (int64_t i = c + 1; i < nb; i++)
+        col[i] *= inv;
+      for (int64_t j = c + 1; j < nb; j++) {
+        const T f = col[j];
+        T *cj = d + j * rows;
+        for (int64_t i = j; i < nb; i++)
+          cj[i] -= col[i] * f;
+      }
+    }
+    const int64_t below = rows - kb - nb;
+    if (below > 0)
+      Trsm(true, true, below, nb, d, rows, d + nb, rows);
+    const int64_t right = w - kb - nb;
+    if (right > 0 && below > 0)
+      Gemm(false, true, below, right, nb, T(-1), d + nb, rows, d + nb, rows, T(1),
+           d + nb + nb * rows, rows);
+  }
+  return 0;
+}
+
+// Work values that the largest update product needs.
+int64_t Update_Work(const Blkfct &b) {
+  int64_t most = 1;
+  for (int64_t J = 0; J < b.nsuper; J++)
+    for (int64_t u = b.xupd[J]; u < b.xupd[J + 1]; u++) {
+      const int K = b.upd_snode[u];
+      const int64_t p1 = b.upd_first[u], rows = b.Rows(K);
+      int64_t p2 = p1;
+      const int *rk = b.lindx.data() + b.xlindx[K];
+      while (p2 < rows && b.snode[rk[p2]] == J)
+        p2++;
+      most = std::max(most, (rows - p1) * (p2 - p1));
+    }
+  return most;
+}
+
+// The left-looking step of supernode J: updates from every descendant that
+// reaches it, then its own panel. `map` (n values) and `w` are the calling
+// thread's scratch.
+template <class T> int64_t Factor_Supernode(const Blkfct &b, T *lnz, int64_t J, int *map, T *w) {
+  const int64_t f = b.xsuper[J], rows = b.Rows(J), width = b.Width(J);
+  const int *rj = b.lindx.data() + b.xlindx[J];
+  for (int64_t k = 0; k < rows; k++)
+    map[rj[k]] = static_cast<int>(k);
+  T *pj = lnz + b.xpanel[J];
+  for (int64_t u = b.xupd[J]; u < b.xupd[J + 1]; u++) {
+    const int K = b.upd_snode[u];
+    const int64_t rk_n = b.Rows(K), wk = b.Width(K), p1 = b.upd_first[u];
+    const int *rk = b.lindx.data() + b.xlindx[K];
+    int64_t p2 = p1;
+    while (p2 < rk_n && b.snode[rk[p2]] == J)
+      p2++;
+    const int64_t m = rk_n - p1, nn = p2 - p1;
+    const T *pk = lnz + b.xpanel[K] + p1;
+    Gemm(false, true, m, nn, wk, T(1), pk, rk_n, pk, rk_n, T(0), w, m);
+    for (int64_t c = 0; c < nn; c++) {
+      T *dst = pj + (rk[p1 + c] - f) * rows;
+      const T *src = w + c * m;
+      for (int64_t r = c; r < m; r++)
+        dst[map[rk[p1 + r]]] -= src[r];
+    }
+  }
+  const int64_t bad = Factor_Panel(pj, rows, width);
+  return bad ? f + bad : 0;
+}
+
+// Supernodes in each subtree (the subtree of J is the range ending at J).
+std::vector<int64_t> Subtree_Sizes(const Blkfct &b, std::vector<double> &work) {
+  std::vector<int64_t> size(b.nsuper, 1);
+  work.assign(b.nsuper, 0.0);
+  for (int64_t J = 0; J < b.nsuper; J++) {
+    const double r = static_cast<double>(b.Rows(J));
+    for (int64_t c = 0; c < b.Width(J); c++)
+      work[J] += (r - c) * (r - c);
+  }
+  for (int64_t J = 0; J < b.nsuper; J++)
+    if (b.sparent[J] >= 0) {
+      size[b.sparent[J]] += size[J];
+      work[b.sparent[J]] += work[J];
+    }
+  return size;
+}
+
+} // namespace
+
+void Set_Blas_Threads(int threads) {
+  openblas_set_num_threads(std::max(threads, 1));
+}
+
+template <class T> int64_t Blkfct_Factor(const Blkfct &b, T *lnz, int threads) {
+  const int64_t n = b.neqns_ll;
+  const int64_t wmax = Update_Work(b);
+  threads = std::max(threads, 1);
+  // Independent subtrees go to the threads with single-threaded kernels; the
+  // supernodes above them (the large separators) follow in order with all
+  // threads inside the kernels.
+  std::vector<double> work;
+  const std::vector<int64_t> size = Subtree_Sizes(b, work);
+  double total = 0.0;
+  std::vector<int64_t> subtrees, top;
+  for (int64_t J = 0; J < b.nsuper; J++)
+    if (b.sparent[J] < 0) {
+      subtrees.push_back(J);
+      total += work[J];
+    }
+  const double grain = total / (4.0 * threads);
+  if (threads > 1) {
+    for (;;) {
+      auto big = std::max_element(subtrees.begin(), subtrees.end(),
+                                  [&](int64_t a, int64_t c) { return work[a] < work[c]; });
+      if (big == subtrees.end() || work[*big] <= grain)
+        break;
+      const int64_t J = *big;
+      subtrees.erase(big);
+      top.push_back(J);
+      for (int64_t C = J - 1; C >= J - size[J] + 1; C -= size[C])
+        subtrees.push_back(C);
+    }
+  } else {
+    subtrees.clear();
+    for (int64_t J = 0; J < b.nsuper; J++)
+      top.push_back(J);
+  }
+  std::sort(subtrees.begin(), subtrees.end(),
+            [&](int64_t a, int64_t c) { return work[a] > work[c]; });
+  std::sort(top.begin(), top.end());
+
+  std::atomic<int64_t> failed{0};
+  if (!subtrees.empty()) {
+    Set_Blas_Threads(1);
+#pragma omp parallel num_threads(threads)
+    {
+      std::vector<int> map(n);
+      std::vector<T> w(wmax);
+#pragma omp for schedule(dynamic, 1)
+      for (int64_t s = 0; s < static_cast<int64_t>(subtrees.size()); s++) {
+        const int64_t R = subtrees[s];
+        for (int64_t J = R - size[R] + 1; J <= R && failed.load() == 0; J++) {
+          const int64_t bad = Factor_Supernode(b, lnz, J, map.data(), w.data());
+          if (bad)
+            failed.store(bad);
+        }
+      }
+    }
+  }
+  Set_Blas_Threads(threads);
+  if (failed.load())
+    return failed.load();
+  std::vector<int> map(n);
+  std::vector<T> w(wmax);
+  for (int64_t J : top) {
+    const int64_t bad = Factor_Supernode(b, lnz, J, map.data(), w.data());
+    if (bad)
+      return bad;
+  }
+  return 0;
+}
+
+int64_t Blkfct_Solve_Work(const Blkfct &b, int nrhs) {
+  int64_t most = 1;
+  for (int64_t J = 0; J < b.nsuper; J++)
+    most = std::max(most, b.Rows(J) - b.Width(J));
+  return most * nrhs;
+}
+
+template <class T>
+void Blkfct_Solve(const Blkfct &b, const T *lnz, T *x, int nrhs, T *work, char *active) {
+  const int64_t n = b.neqns_ll;
+  std::fill(active, active + b.nsuper, 0);
+  for (int c = 0; c < nrhs; c++) {
+    const T *col = x + c * n;
+    for (int64_t i = 0; i < n; i++)
+      if (col[i] != T(0))
+        active[b.snode[i]] = 1;
+  }
+  // Forward: L y = b, only along the paths from the non-zero rows.
+  for (int64_t J = 0; J < b.nsuper; J++) {
+    if (!active[J])
+      continue;
+    if (b.sparent[J] >= 0)
+      active[b.sparent[J]] = 1;
+    const int64_t f = b.xsuper[J], w = b.Width(J), rows = b.Rows(J), below = rows - w;
+    const T *p = lnz + b.xpanel[J];
+    Trsm(false, false, w, nrhs, p, rows, x + f, n);
+    if (below == 0)
+      continue;
+    Gemm(false, false, below, nrhs, w, T(1), p + w, rows, x + f, n, T(0), work, below);
+    const int *ri = b.lindx.data() + b.xlindx[J] + w;
+    for (int c = 0; c < nrhs; c++) {
+      T *xc = x + c * n;
+      const T *wc = work + c * below;
+      for (int64_t r = 0; r < below; r++)
+        xc[ri[r]] -= wc[r];
+    }
+  }
+  // Back: L^T x = y, every supernode.
+  for (int64_t J = b.nsuper - 1; J >= 0; J--) {
+    const int64_t f = b.xsuper[J], w = b.Width(J), rows = b.Rows(J), below = rows - w;
+    const T *p = lnz + b.xpanel[J];
+    if (below > 0) {
+      const int *ri = b.lindx.data() + b.xlindx[J] + w;
+      for (int c = 0; c < nrhs; c++) {
+        const T *xc = x + c * n;
+        T *wc = work + c * below;
+        for (int64_t r = 0; r < below; r++)
+          wc[r] = xc[ri[r]];
+      }
+      Gemm(true, false, w, nrhs, below, T(-1), p + w, rows, work, below, T(1), x + f, n);
+    }
+    Trsm(false, true, w, nrhs, p, rows, x + f, n);
+  }
+}
+
+template int64_t Blkfct_Factor<float>(const Blkfct &, float *, int);
+template int64_t Blkfct_Factor<double>(const Blkfct &, double *, int);
+template int64_t Blkfct_Factor<cf>(const Blkfct &, cf *, int);
+template int64_t Blkfct_Factor<cd>(const Blkfct &, cd *, int);
+template void Blkfct_Solve<float>(const Blkfct &, const float *, float *, int, float *, char *);
+template void Blkfct_Solve<double>(const Blkfct &, const double *, double *, int, double *, char *);
+template void Blkfct_Solve<cf>(const Blkfct &, const cf *, cf *, int, cf *, char *);
+template void Blkfct_Solve<cd>(const Blkfct &, const cd *, cd *, int, cd *, char *);
