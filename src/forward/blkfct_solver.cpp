@@ -268,12 +268,23 @@ template <class T, class X, class R> struct Column_Solver {
     Pass(x, x, cols);
     if (!refine)
       return;
+    // The first residual is every column's (it is the correction's right-hand
+    // side); after a correction a sample of two columns decides whether
+    // another is needed.
     for (int step = 0; step <= blk_refine_steps; step++) {
+      if (step > 0) {
+        residual = 0.0;
+        for (int c : {0, cols - 1})
+          residual = std::max(residual, Residual_Column<R, X>(m, x + c * n, rhs.data() + c * n,
+                                                              r.data() + c * n, acc.data()));
+        if (residual <= tol || step == blk_refine_steps)
+          break;
+      }
       residual = 0.0;
       for (int c = 0; c < cols; c++)
         residual = std::max(residual, Residual_Column<R, X>(m, x + c * n, rhs.data() + c * n,
                                                             r.data() + c * n, acc.data()));
-      if (residual <= tol || step == blk_refine_steps)
+      if (residual <= tol)
         break;
       Pass(r.data(), r.data(), cols);
       for (int64_t k = 0; k < n * cols; k++)

@@ -310,6 +310,18 @@ int Blkfct::Symbolic_Factorization(int64_t n, const int *xadj, const int *adjncy
       }
     }
   }
+  {
+    int64_t narrow = 0, narrow_entries = 0;
+    for (int64_t J = 0; J < nsuper; J++)
+      if (Width(J) < 16) {
+        narrow++;
+        narrow_entries += Trapezoid(Width(J), Rows(J));
+      }
+    TRACE("Supernodes %lld, %lld narrower than 16 holding %.1f %% of the entries\n",
+          static_cast<long long>(nsuper), static_cast<long long>(narrow),
+          100.0 * static_cast<double>(narrow_entries) /
+              static_cast<double>(std::max<int64_t>(nofnz, 1)));
+  }
   TRACE("Symbolic_Factorization neqns_ll %lld nnza %lld nofnz %lld nofsub %lld\n",
         static_cast<long long>(neqns_ll), static_cast<long long>(nnza),
         static_cast<long long>(nofnz), static_cast<long long>(nofsub));

@@ -42,7 +42,7 @@ public:
   int double_precision = 0;     // factorise in double precision (checks and benchmarks)
   int refine_steps_max = 3;     // mixed-precision refinement steps
   double refine_tol = 1e-4;     // relative residual above which a batch is refined
-  double blk_refine_tol = 1e-6; // the block solver refines its single factor to this
+  double blk_refine_tol = 2e-6; // the block solver refines its single factor to this
   int refine_steps_done = 0;    // steps taken in the last solve
   double residual_last = 0.0;
 
