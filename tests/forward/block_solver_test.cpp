@@ -19,6 +19,7 @@
 #include "core/test_support.h"
 #include "forward/blkfct.h"
 #include "forward/forward.h"
+#include "forward_test_support.h"
 
 using namespace test_support;
 
@@ -215,18 +216,7 @@ TEST(Block_Solver, PivotFailureNamesTheColumn) {
 
 namespace {
 
-// A data set that reads an example file into a temporary folder.
-struct Survey {
-  Temp_Folder tmp;
-  Front_End_Record rec;
-  std::unique_ptr<Data_Set> ds = Make_Data_Set(tmp, rec);
-  Survey() { ds->batch_mode = 1; }
-  int Read_Example(const std::string &name) {
-    const std::string path = tmp.sub(name);
-    std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/" + name, path,
-                               std::filesystem::copy_options::overwrite_existing);
-    return ds->Run_Command(CMD_READ_DATA, path.c_str());
-  }
+struct Survey : Example_Survey {
   // A forward model of a box model with the given solver; the electrode
   // potential table by (source, electrode) and the apparent resistivities.
   bool Forward(int solver, int double_precision, std::vector<double> &table,
@@ -246,13 +236,9 @@ struct Survey {
     if (ierr)
       return false;
     const Fem_State &f = d.Fem;
-    // Sources in electrode order whatever order they were solved in.
-    std::vector<int> sources(f.sources.data(), f.sources.data() + f.nsources);
-    std::sort(sources.begin(), sources.end());
     table.clear();
-    for (int a : sources)
-      for (int e = a + 1; e <= f.nelec; e++)
-        table.push_back(f.vpot[Potential_Index(f.offset_pot.data(), a, e)]);
+    for (const std::complex<double> &v : Electrode_Table(f))
+      table.push_back(v.real());
     rm.assign(f.rm.data(), f.rm.data() + d.mdata);
     return true;
   }
@@ -334,15 +320,7 @@ TEST(Block_Solver, ComplexForwardWithNarrowBlocks) {
     d.Fem.double_precision = 0;
     if (ierr || !d.Fem.coomatrix64.cmplx)
       return false;
-    const Fem_State &f = d.Fem;
-    std::vector<int> sources(f.sources.data(), f.sources.data() + f.nsources);
-    std::sort(sources.begin(), sources.end());
-    table.clear();
-    for (int a : sources)
-      for (int e = a + 1; e <= f.nelec; e++) {
-        const int64_t k = Potential_Index(f.offset_pot.data(), a, e);
-        table.emplace_back(f.vpot[k], f.vpot_i[k]);
-      }
+    table = Electrode_Table(d.Fem);
     return true;
   };
   std::vector<std::complex<double>> ref, blk;

@@ -19,31 +19,14 @@
 #include "core/test_support.h"
 #include "forward/forward.h"
 #include "forward/synthetic.h"
+#include "forward_test_support.h"
 
 using namespace test_support;
 
 namespace {
 
 // A data set whose buffer folder and data files live in one temporary folder.
-struct Survey {
-  Temp_Folder tmp;
-  Front_End_Record rec;
-  std::unique_ptr<Data_Set> ds = Make_Data_Set(tmp, rec);
-
-  Survey() { ds->batch_mode = 1; }
-  // Reads a copy of an example data file.
-  int Read_Example(const std::string &name) {
-    const std::string path = tmp.sub(name);
-    std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/" + name, path,
-                               std::filesystem::copy_options::overwrite_existing);
-    return ds->Run_Command(CMD_READ_DATA, path.c_str());
-  }
-  // Reads a data file written from `text`.
-  int Read_Text(const std::string &name, const std::string &text) {
-    const std::string path = tmp.sub(name);
-    Write_File(path, text);
-    return ds->Run_Command(CMD_READ_DATA, path.c_str());
-  }
+struct Survey : Example_Survey {
   std::vector<float> Uniform(float rho) const {
     return std::vector<float>(std::max(ds->Model_grid.nmodel_blocks, 1), rho);
   }
