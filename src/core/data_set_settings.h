@@ -14,7 +14,7 @@ struct Data_Set_Settings {
   // Finite-element solvers.
   int use_dipoles_fem = 0;     // solve potentials for dipole pairs rather than single electrodes
   double ssd_cache = 2.0;      // right-hand side block of the sparse library solver, in GB
-  int simultaneous_solves = 2; // block solver: solves a core, code of 4, 8, 16, 32, 64, 128
+  int simultaneous_solves = 3; // block solver: solves a core, code of 4, 8, 16, 32, 64, 128
   int64_t cpu_cache_kb = 2048; // block solver: processor cache size in kB
   int use_asm_amd = 0;         // hand-tuned routines on AMD processors
 };

@@ -76,11 +76,42 @@ template <class T> bool Bad_Pivot(T d) {
 
 constexpr int64_t panel_block = 64;
 
+extern "C" {
+void spotrf_(const char *uplo, const int *n, float *a, const int *lda, int *info);
+void dpotrf_(const char *uplo, const int *n, double *a, const int *lda, int *info);
+}
+
+// The diagonal block of a real panel by LAPACK (blocked, level-3 inside);
+// returns the failing column from 1, or 0.
+int64_t Factor_Diagonal(float *d, int64_t w, int64_t ld) {
+  const int n = static_cast<int>(w), lda = static_cast<int>(ld);
+  int info = 0;
+  spotrf_("L", &n, d, &lda, &info);
+  return info;
+}
+int64_t Factor_Diagonal(double *d, int64_t w, int64_t ld) {
+  const int n = static_cast<int>(w), lda = static_cast<int>(ld);
+  int info = 0;
+  dpotrf_("L", &n, d, &lda, &info);
+  return info;
+}
+
 // Factorises the panel of one supernode in place (rows x w, leading
-// dimension rows): blocks of columns, each with a small column kernel on its
-// diagonal block, a triangular solve below and a product into the columns
-// to its right. Returns the failing column from 1 within the panel, or 0.
+// dimension rows). Real: the diagonal block by LAPACK, then one triangular
+// solve for the rows below. Complex symmetric (no conjugation, which
+// LAPACK's Hermitian routines cannot do): blocks of columns, each with a
+// small column kernel on its diagonal block, a triangular solve below and a
+// product into the columns to its right. Returns the failing column from 1
+// within the panel, or 0.
 template <class T> int64_t Factor_Panel(T *p, int64_t rows, int64_t w) {
+  if constexpr (std::is_floating_point_v<T>) {
+    const int64_t bad = Factor_Diagonal(p, w, rows);
+    if (bad)
+      return bad;
+    if (rows > w)
+      Trsm(true, true, rows - w, w, p, rows, p + w, rows);
+    return 0;
+  }
   for (int64_t kb = 0; kb < w; kb += panel_block) {
     const int64_t nb = std::min(panel_block, w - kb);
     T *d = p + kb + kb * rows;
@@ -127,22 +158,34 @@ int64_t Update_Work(const Blkfct &b) {
   return most;
 }
 
-// The left-looking step of supernode J: updates from every descendant that
-// reaches it, then its own panel. `map` (n values) and `w` are the calling
-// thread's scratch.
-template <class T> int64_t Factor_Supernode(const Blkfct &b, T *lnz, int64_t J, int *map, T *w) {
-  const int64_t f = b.xsuper[J], rows = b.Rows(J), width = b.Width(J);
+// Fills `map` with the position of each of supernode J's rows.
+void Map_Rows(const Blkfct &b, int64_t J, int *map) {
   const int *rj = b.lindx.data() + b.xlindx[J];
-  for (int64_t k = 0; k < rows; k++)
+  for (int64_t k = 0; k < b.Rows(J); k++)
     map[rj[k]] = static_cast<int>(k);
+}
+
+// The updates of supernode J from every descendant that reaches it, for
+// J's columns lo .. hi-1 (positions within J): a dense product for each
+// descendant, subtracted through the row map. Column ranges of different
+// calls touch different values.
+template <class T>
+void Update_Columns(const Blkfct &b, T *lnz, int64_t J, int64_t lo, int64_t hi, const int *map,
+                    T *w) {
+  const int64_t f = b.xsuper[J], rows = b.Rows(J);
   T *pj = lnz + b.xpanel[J];
   for (int64_t u = b.xupd[J]; u < b.xupd[J + 1]; u++) {
     const int K = b.upd_snode[u];
-    const int64_t rk_n = b.Rows(K), wk = b.Width(K), p1 = b.upd_first[u];
+    const int64_t rk_n = b.Rows(K), wk = b.Width(K);
     const int *rk = b.lindx.data() + b.xlindx[K];
+    int64_t p1 = b.upd_first[u];
+    while (p1 < rk_n && b.snode[rk[p1]] == J && rk[p1] < f + lo)
+      p1++;
     int64_t p2 = p1;
-    while (p2 < rk_n && b.snode[rk[p2]] == J)
+    while (p2 < rk_n && b.snode[rk[p2]] == J && rk[p2] < f + hi)
       p2++;
+    if (p2 == p1)
+      continue;
     const int64_t m = rk_n - p1, nn = p2 - p1;
     const T *pk = lnz + b.xpanel[K] + p1;
     Gemm(false, true, m, nn, wk, T(1), pk, rk_n, pk, rk_n, T(0), w, m);
@@ -153,8 +196,44 @@ template <class T> int64_t Factor_Supernode(const Blkfct &b, T *lnz, int64_t J, 
         dst[map[rk[p1 + r]]] -= src[r];
     }
   }
-  const int64_t bad = Factor_Panel(pj, rows, width);
-  return bad ? f + bad : 0;
+}
+
+// The left-looking step of supernode J on one thread: its updates, then its
+// own panel. Returns the failing column from 1, or 0.
+template <class T> int64_t Factor_Supernode(const Blkfct &b, T *lnz, int64_t J, int *map, T *w) {
+  Map_Rows(b, J, map);
+  Update_Columns(b, lnz, J, 0, b.Width(J), map, w);
+  const int64_t bad = Factor_Panel(lnz + b.xpanel[J], b.Rows(J), b.Width(J));
+  return bad ? b.xsuper[J] + bad : 0;
+}
+
+// The same for a large supernode with every thread: the updates split by
+// columns of equal work, then the panel with the threads inside the kernels.
+template <class T>
+int64_t Factor_Supernode_Shared(const Blkfct &b, T *lnz, int64_t J, int *map,
+                                std::vector<std::vector<T>> &w, int threads) {
+  Map_Rows(b, J, map);
+  const int64_t width = b.Width(J), rows = b.Rows(J);
+  // Column boundaries: the work of a column falls with its position.
+  std::vector<int64_t> edge(threads + 1, width);
+  edge[0] = 0;
+  double total = 0.0;
+  for (int64_t c = 0; c < width; c++)
+    total += static_cast<double>(rows - c);
+  double acc = 0.0;
+  int t = 1;
+  for (int64_t c = 0; c < width && t < threads; c++) {
+    acc += static_cast<double>(rows - c);
+    if (acc >= total * t / threads)
+      edge[t++] = c + 1;
+  }
+  Set_Blas_Threads(1);
+#pragma omp parallel for num_threads(threads) schedule(static, 1)
+  for (int k = 0; k < threads; k++)
+    Update_Columns(b, lnz, J, edge[k], edge[k + 1], map, w[k].data());
+  Set_Blas_Threads(threads);
+  const int64_t bad = Factor_Panel(lnz + b.xpanel[J], rows, width);
+  return bad ? b.xsuper[J] + bad : 0;
 }
 
 // Supernodes in each subtree (the subtree of J is the range ending at J).
@@ -240,9 +319,9 @@ template <class T> int64_t Blkfct_Factor(const Blkfct &b, T *lnz, int threads) {
   if (failed.load())
     return failed.load();
   std::vector<int> map(n);
-  std::vector<T> w(wmax);
+  std::vector<std::vector<T>> w(threads, std::vector<T>(wmax));
   for (int64_t J : top) {
-    const int64_t bad = Factor_Supernode(b, lnz, J, map.data(), w.data());
+    const int64_t bad = Factor_Supernode_Shared(b, lnz, J, map.data(), w, threads);
     if (bad)
       return bad;
   }
