@@ -60,8 +60,8 @@ int mnd_adj(const int *xadj, const int *adjncy, int n, int *perm, int *invp);
 // Returns 0, or the column (from 1) whose pivot failed.
 template <class T> int64_t Blkfct_Factor(const Blkfct &b, T *lnz, int threads);
 
-// Solves L L^T x = b for nrhs columns held in permuted order (leading
-// dimension n) with single-threaded kernels. The forward solve visits only
+// Solves L L^T x = b for nrhs columns held in permuted order, row by row
+// (row i's nrhs values together), with single-threaded kernels. The forward solve visits only
 // the supernodes on the paths from the right-hand sides' non-zero rows to
 // the root. `work` holds Blkfct_Solve_Work values, `active` nsuper bytes.
 template <class T>

@@ -336,14 +336,19 @@ int64_t Blkfct_Solve_Work(const Blkfct &b, int nrhs) {
 }
 
 template <class T>
-void Blkfct_Solve(const Blkfct &b, const T *lnz, T *x, int nrhs, T *work, char *active) {
+void Blkfct_Solve(const Blkfct &b, const T *lnz, T *x, int nr, T *work, char *active) {
+  // x holds the columns row by row: row i's nr values at x + i * nr, so that
+  // the block of a supernode's own rows is a column-major nr x w matrix and
+  // each scattered row is nr contiguous values.
   const int64_t n = b.neqns_ll;
   std::fill(active, active + b.nsuper, 0);
-  for (int c = 0; c < nrhs; c++) {
-    const T *col = x + c * n;
-    for (int64_t i = 0; i < n; i++)
-      if (col[i] != T(0))
+  for (int64_t i = 0; i < n; i++) {
+    const T *xi = x + i * nr;
+    for (int c = 0; c < nr; c++)
+      if (xi[c] != T(0)) {
         active[b.snode[i]] = 1;
+        break;
+      }
   }
   // Forward: L y = b, only along the paths from the non-zero rows.
   for (int64_t J = 0; J < b.nsuper; J++) {
@@ -353,33 +358,33 @@ void Blkfct_Solve(const Blkfct &b, const T *lnz, T *x, int nrhs, T *work, char *
       active[b.sparent[J]] = 1;
     const int64_t f = b.xsuper[J], w = b.Width(J), rows = b.Rows(J), below = rows - w;
     const T *p = lnz + b.xpanel[J];
-    Trsm(false, false, w, nrhs, p, rows, x + f, n);
+    T *xj = x + f * nr;
+    Trsm(true, true, nr, w, p, rows, xj, nr);
     if (below == 0)
       continue;
-    Gemm(false, false, below, nrhs, w, T(1), p + w, rows, x + f, n, T(0), work, below);
+    Gemm(false, true, nr, below, w, T(1), xj, nr, p + w, rows, T(0), work, nr);
     const int *ri = b.lindx.data() + b.xlindx[J] + w;
-    for (int c = 0; c < nrhs; c++) {
-      T *xc = x + c * n;
-      const T *wc = work + c * below;
-      for (int64_t r = 0; r < below; r++)
-        xc[ri[r]] -= wc[r];
+    for (int64_t r = 0; r < below; r++) {
+      T *xr = x + static_cast<int64_t>(ri[r]) * nr;
+      const T *wr = work + r * nr;
+#pragma omp simd
+      for (int c = 0; c < nr; c++)
+        xr[c] -= wr[c];
     }
   }
   // Back: L^T x = y, every supernode.
   for (int64_t J = b.nsuper - 1; J >= 0; J--) {
     const int64_t f = b.xsuper[J], w = b.Width(J), rows = b.Rows(J), below = rows - w;
     const T *p = lnz + b.xpanel[J];
+    T *xj = x + f * nr;
     if (below > 0) {
       const int *ri = b.lindx.data() + b.xlindx[J] + w;
-      for (int c = 0; c < nrhs; c++) {
-        const T *xc = x + c * n;
-        T *wc = work + c * below;
-        for (int64_t r = 0; r < below; r++)
-          wc[r] = xc[ri[r]];
-      }
-      Gemm(true, false, w, nrhs, below, T(-1), p + w, rows, work, below, T(1), x + f, n);
+      for (int64_t r = 0; r < below; r++)
+        std::copy(x + static_cast<int64_t>(ri[r]) * nr, x + static_cast<int64_t>(ri[r] + 1) * nr,
+                  work + r * nr);
+      Gemm(false, false, nr, w, below, T(-1), work, nr, p + w, rows, T(1), xj, nr);
     }
-    Trsm(false, true, w, nrhs, p, rows, x + f, n);
+    Trsm(true, false, nr, w, p, rows, xj, nr);
   }
 }
 

@@ -221,76 +221,138 @@ int Set_Electrodes_Number_Nodes_Low(Data_Set &ds, const Blkfct &b, std::vector<i
   return 0;
 }
 
-// Solves `cols` sources into x (node order) with the thread's scratch;
-// refines against the assembled matrix when the factor is single precision.
+// Both triangles of the assembled matrix by rows (from 0) in the residual's
+// precision: the residual of a block of columns reads it once.
+template <class R> struct Full_Matrix {
+  std::vector<int64_t> ia;
+  std::vector<int> ja;
+  std::vector<R> a;
+  void Build(const CooMatrix64 &m) {
+    const int64_t n = m.n;
+    ia.assign(n + 1, 0);
+    for (int64_t i = 0; i < n; i++)
+      for (int64_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; k++) {
+        ia[i + 1]++;
+        if (m.ja[k] - 1 != i)
+          ia[m.ja[k]]++;
+      }
+    for (int64_t i = 0; i < n; i++)
+      ia[i + 1] += ia[i];
+    ja.resize(ia[n]);
+    a.resize(ia[n]);
+    std::vector<int64_t> at(ia.begin(), ia.end() - 1);
+    for (int64_t i = 0; i < n; i++)
+      for (int64_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; k++) {
+        const int64_t j = m.ja[k] - 1;
+        const R v = Matrix_Value<R>(m, k);
+        ja[at[i]] = static_cast<int>(j);
+        a[at[i]++] = v;
+        if (j != i) {
+          ja[at[j]] = static_cast<int>(i);
+          a[at[j]++] = v;
+        }
+      }
+  }
+};
+
+// Solves `cols` sources of x (node order, column by column) with the
+// thread's scratch, the columns held row by row meanwhile; refines against
+// the assembled matrix when the factor is single precision.
 template <class T, class X, class R> struct Column_Solver {
   const Blkfct &b;
   const T *lnz;
-  const CooMatrix64 &m;
+  const Full_Matrix<R> &a;
   double tol;
   bool refine;
   std::vector<T> xp, work;
-  std::vector<X> rhs, r;
-  std::vector<R> acc;
+  std::vector<X> xi, bi, ri; // solution, right-hand sides, residuals: row by row
+  std::vector<R> racc;
+  std::vector<double> rn, bn;
   std::vector<char> active;
   int steps = 0;
   double residual = 0.0;
 
-  Column_Solver(const Blkfct &bf, const T *l, const CooMatrix64 &mat, int width, double t, bool rf)
-      : b(bf), lnz(l), m(mat), tol(t), refine(rf) {
+  Column_Solver(const Blkfct &bf, const T *l, const Full_Matrix<R> &full, int width, double t,
+                bool rf)
+      : b(bf), lnz(l), a(full), tol(t), refine(rf) {
     const int64_t n = b.neqns_ll;
     xp.resize(n * width);
     work.resize(Blkfct_Solve_Work(b, width));
     active.resize(b.nsuper);
+    xi.resize(n * width);
+    bi.resize(n * width);
     if (refine) {
-      rhs.resize(n * width);
-      r.resize(n * width);
-      acc.resize(n);
+      ri.resize(n * width);
+      racc.resize(width);
+      rn.resize(width);
+      bn.resize(width);
     }
   }
-  // One pass: y = A^-1 v in node order (v, y may be the same).
+  // One pass: y = A^-1 v, both in node order row by row (v, y may be the
+  // same); the solve itself in the factor's order.
   void Pass(const X *v, X *y, int cols) {
     const int64_t n = b.neqns_ll;
-    for (int c = 0; c < cols; c++)
-      for (int64_t i = 0; i < n; i++)
-        xp[c * n + i] = static_cast<T>(v[c * n + b.perm[i] - 1]);
+    for (int64_t i = 0; i < n; i++) {
+      const X *src = v + static_cast<int64_t>(b.perm[i] - 1) * cols;
+      for (int c = 0; c < cols; c++)
+        xp[i * cols + c] = static_cast<T>(src[c]);
+    }
     Blkfct_Solve(b, lnz, xp.data(), cols, work.data(), active.data());
+    for (int64_t i = 0; i < n; i++) {
+      const T *row = xp.data() + static_cast<int64_t>(b.invp[i] - 1) * cols;
+      for (int c = 0; c < cols; c++)
+        y[i * cols + c] = static_cast<X>(row[c]);
+    }
+  }
+  // ri = bi - A xi in double for every column at once; the largest
+  // relative residual of the columns.
+  double Residual(int cols) {
+    const int64_t n = b.neqns_ll;
+    std::fill(rn.begin(), rn.begin() + cols, 0.0);
+    std::fill(bn.begin(), bn.begin() + cols, 0.0);
+    for (int64_t i = 0; i < n; i++) {
+      const X *bb = bi.data() + i * cols;
+      for (int c = 0; c < cols; c++)
+        racc[c] = R(bb[c]);
+      for (int64_t k = a.ia[i]; k < a.ia[i + 1]; k++) {
+        const R v = a.a[k];
+        const X *xj = xi.data() + static_cast<int64_t>(a.ja[k]) * cols;
+        for (int c = 0; c < cols; c++)
+          racc[c] -= v * R(xj[c]);
+      }
+      X *rr = ri.data() + i * cols;
+      for (int c = 0; c < cols; c++) {
+        rr[c] = X(racc[c]);
+        rn[c] += std::norm(std::complex<double>(racc[c]));
+        bn[c] += std::norm(std::complex<double>(R(bb[c])));
+      }
+    }
+    double worst = 0.0;
     for (int c = 0; c < cols; c++)
-      for (int64_t i = 0; i < n; i++)
-        y[c * n + i] = static_cast<X>(xp[c * n + b.invp[i] - 1]);
+      worst = std::max(worst, bn[c] > 0.0 ? std::sqrt(rn[c] / bn[c]) : 0.0);
+    return worst;
   }
   void Solve(X *x, int cols) {
     const int64_t n = b.neqns_ll;
     steps = 0;
     residual = 0.0;
+    for (int64_t i = 0; i < n; i++)
+      for (int c = 0; c < cols; c++)
+        bi[i * cols + c] = x[c * n + i];
+    Pass(bi.data(), xi.data(), cols);
     if (refine)
-      std::copy(x, x + n * cols, rhs.data());
-    Pass(x, x, cols);
-    if (!refine)
-      return;
-    // The first residual is every column's (it is the correction's right-hand
-    // side); after a correction a sample of two columns decides whether
-    // another is needed.
-    for (int step = 0; step <= blk_refine_steps; step++) {
-      if (step > 0) {
-        residual = 0.0;
-        for (int c : {0, cols - 1})
-          residual = std::max(residual, Residual_Column<R, X>(m, x + c * n, rhs.data() + c * n,
-                                                              r.data() + c * n, acc.data()));
+      for (int step = 0; step <= blk_refine_steps; step++) {
+        residual = Residual(cols);
         if (residual <= tol || step == blk_refine_steps)
           break;
+        Pass(ri.data(), ri.data(), cols);
+        for (int64_t k = 0; k < n * cols; k++)
+          xi[k] += ri[k];
+        steps = step + 1;
       }
-      residual = 0.0;
+    for (int64_t i = 0; i < n; i++)
       for (int c = 0; c < cols; c++)
-        residual = std::max(residual, Residual_Column<R, X>(m, x + c * n, rhs.data() + c * n,
-                                                            r.data() + c * n, acc.data()));
-      if (residual <= tol)
-        break;
-      Pass(r.data(), r.data(), cols);
-      for (int64_t k = 0; k < n * cols; k++)
-        x[k] += r[k];
-      steps = step + 1;
-    }
+        x[c * n + i] = xi[i * cols + c];
   }
 };
 
@@ -367,8 +429,11 @@ int Run_Blkfct(Data_Set &ds, Blkfct &b, const std::string &lindx_path) {
               threads, static_cast<int>(n), nsrc);
     return 1;
   }
+  Full_Matrix<R> full;
+  if (refine)
+    full.Build(m);
   for (int t = 0; t < threads; t++)
-    solver[t] = new Column_Solver<T, X, R>(b, lnz.data(), m, width, fem.blk_refine_tol, refine);
+    solver[t] = new Column_Solver<T, X, R>(b, lnz.data(), full, width, fem.blk_refine_tol, refine);
   int err = 0;
   int done = 0, loop = 0;
   fem.refine_steps_done = 0;

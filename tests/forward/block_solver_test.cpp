@@ -106,7 +106,8 @@ template <class T> std::vector<T> Panels_From_Dense(const Blkfct &b, const std::
 }
 
 // Solves with the block factor for `nrhs` columns of a dense right-hand
-// side (original order) and returns the largest relative residual.
+// side (original order; the solve holds them row by row in its own order)
+// and returns the largest relative residual.
 template <class T>
 double Factor_And_Solve(const Grid_Graph &g, T scale, int threads, int nrhs, bool relax) {
   std::vector<int> perm(g.n), invp(g.n);
@@ -125,7 +126,7 @@ double Factor_And_Solve(const Grid_Graph &g, T scale, int threads, int nrhs, boo
     v = T(u(rng));
   for (int c = 0; c < nrhs; c++)
     for (int i = 0; i < g.n; i++)
-      x[static_cast<size_t>(c) * g.n + b.invp[i] - 1] = rhs[static_cast<size_t>(c) * g.n + i];
+      x[static_cast<size_t>(b.invp[i] - 1) * nrhs + c] = rhs[static_cast<size_t>(c) * g.n + i];
   std::vector<T> work(Blkfct_Solve_Work(b, nrhs));
   std::vector<char> active(b.nsuper);
   Blkfct_Solve(b, lnz.data(), x.data(), nrhs, work.data(), active.data());
@@ -138,7 +139,7 @@ double Factor_And_Solve(const Grid_Graph &g, T scale, int threads, int nrhs, boo
         const T aij = a[static_cast<size_t>(i) * g.n + j];
         if (aij != T(0))
           s += std::complex<double>(aij) *
-               std::complex<double>(x[static_cast<size_t>(c) * g.n + b.invp[j] - 1]);
+               std::complex<double>(x[static_cast<size_t>(b.invp[j] - 1) * nrhs + c]);
       }
       const std::complex<double> bi(rhs[static_cast<size_t>(c) * g.n + i]);
       rn += std::norm(bi - s);
