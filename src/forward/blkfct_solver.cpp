@@ -265,7 +265,13 @@ template <class T, class X, class R> struct Column_Solver {
   double tol;
   bool refine;
   std::vector<T> xp, work;
-  std::vector<X> xi, bi, ri; // solution, right-hand sides, residuals: row by row
+  std::vector<X> xi, ri; // solution and residuals, row by row
+  struct Source_Entry {
+    int64_t row;
+    int col;
+    X v;
+  };
+  std::vector<Source_Entry> bs; // the right-hand sides' few non-zeros, by row
   std::vector<R> racc;
   std::vector<double> rn, bn;
   std::vector<char> active;
@@ -280,7 +286,6 @@ template <class T, class X, class R> struct Column_Solver {
     work.resize(Blkfct_Solve_Work(b, width));
     active.resize(b.nsuper);
     xi.resize(n * width);
-    bi.resize(n * width);
     if (refine) {
       ri.resize(n * width);
       racc.resize(width);
@@ -304,16 +309,19 @@ template <class T, class X, class R> struct Column_Solver {
         y[i * cols + c] = static_cast<X>(row[c]);
     }
   }
-  // ri = bi - A xi in double for every column at once; the largest
+  // ri = b - A xi in double for every column at once; the largest
   // relative residual of the columns.
   double Residual(int cols) {
     const int64_t n = b.neqns_ll;
     std::fill(rn.begin(), rn.begin() + cols, 0.0);
     std::fill(bn.begin(), bn.begin() + cols, 0.0);
+    size_t next = 0;
     for (int64_t i = 0; i < n; i++) {
-      const X *bb = bi.data() + i * cols;
-      for (int c = 0; c < cols; c++)
-        racc[c] = R(bb[c]);
+      std::fill(racc.begin(), racc.begin() + cols, R(0));
+      for (; next < bs.size() && bs[next].row == i; next++) {
+        racc[bs[next].col] += R(bs[next].v);
+        bn[bs[next].col] += std::norm(std::complex<double>(R(bs[next].v)));
+      }
       for (int64_t k = a.ia[i]; k < a.ia[i + 1]; k++) {
         const R v = a.a[k];
         const X *xj = xi.data() + static_cast<int64_t>(a.ja[k]) * cols;
@@ -324,7 +332,6 @@ template <class T, class X, class R> struct Column_Solver {
       for (int c = 0; c < cols; c++) {
         rr[c] = X(racc[c]);
         rn[c] += std::norm(std::complex<double>(racc[c]));
-        bn[c] += std::norm(std::complex<double>(R(bb[c])));
       }
     }
     double worst = 0.0;
@@ -336,10 +343,26 @@ template <class T, class X, class R> struct Column_Solver {
     const int64_t n = b.neqns_ll;
     steps = 0;
     residual = 0.0;
-    for (int64_t i = 0; i < n; i++)
+    bs.clear();
+    for (int c = 0; c < cols; c++)
+      for (int64_t i = 0; i < n; i++)
+        if (x[c * n + i] != X(0))
+          bs.push_back({i, c, x[c * n + i]});
+    std::sort(bs.begin(), bs.end(), [](const Source_Entry &p, const Source_Entry &q) {
+      return p.row < q.row || (p.row == q.row && p.col < q.col);
+    });
+    // The first pass reads the columns as they are.
+    for (int64_t i = 0; i < n; i++) {
+      const int64_t o = b.perm[i] - 1;
       for (int c = 0; c < cols; c++)
-        bi[i * cols + c] = x[c * n + i];
-    Pass(bi.data(), xi.data(), cols);
+        xp[i * cols + c] = static_cast<T>(x[c * n + o]);
+    }
+    Blkfct_Solve(b, lnz, xp.data(), cols, work.data(), active.data());
+    for (int64_t i = 0; i < n; i++) {
+      const T *row = xp.data() + static_cast<int64_t>(b.invp[i] - 1) * cols;
+      for (int c = 0; c < cols; c++)
+        xi[i * cols + c] = static_cast<X>(row[c]);
+    }
     if (refine)
       for (int step = 0; step <= blk_refine_steps; step++) {
         residual = Residual(cols);
