@@ -277,6 +277,7 @@ template <class T, class X, class R> struct Column_Solver {
   std::vector<char> active;
   int steps = 0;
   double residual = 0.0;
+  double t_passes = 0.0, t_residual = 0.0, t_all = 0.0; // seconds, for the trace
 
   Column_Solver(const Blkfct &bf, const T *l, const Full_Matrix<R> &full, int width, double t,
                 bool rf)
@@ -296,6 +297,7 @@ template <class T, class X, class R> struct Column_Solver {
   // One pass: y = A^-1 v, both in node order row by row (v, y may be the
   // same); the solve itself in the factor's order.
   void Pass(const X *v, X *y, int cols) {
+    const auto t0 = Clock::now();
     const int64_t n = b.neqns_ll;
     for (int64_t i = 0; i < n; i++) {
       const X *src = v + static_cast<int64_t>(b.perm[i] - 1) * cols;
@@ -308,38 +310,46 @@ template <class T, class X, class R> struct Column_Solver {
       for (int c = 0; c < cols; c++)
         y[i * cols + c] = static_cast<X>(row[c]);
     }
+    t_passes += Seconds_Since(t0);
   }
   // ri = b - A xi in double for every column at once; the largest
   // relative residual of the columns.
   double Residual(int cols) {
+    const auto t0 = Clock::now();
     const int64_t n = b.neqns_ll;
     std::fill(rn.begin(), rn.begin() + cols, 0.0);
     std::fill(bn.begin(), bn.begin() + cols, 0.0);
     size_t next = 0;
+    R *__restrict acc = racc.data();
+    const X *__restrict x = xi.data();
     for (int64_t i = 0; i < n; i++) {
-      std::fill(racc.begin(), racc.begin() + cols, R(0));
+      for (int c = 0; c < cols; c++)
+        acc[c] = R(0);
       for (; next < bs.size() && bs[next].row == i; next++) {
-        racc[bs[next].col] += R(bs[next].v);
+        acc[bs[next].col] += R(bs[next].v);
         bn[bs[next].col] += std::norm(std::complex<double>(R(bs[next].v)));
       }
       for (int64_t k = a.ia[i]; k < a.ia[i + 1]; k++) {
         const R v = a.a[k];
-        const X *xj = xi.data() + static_cast<int64_t>(a.ja[k]) * cols;
+        const X *__restrict xj = x + static_cast<int64_t>(a.ja[k]) * cols;
+#pragma omp simd
         for (int c = 0; c < cols; c++)
-          racc[c] -= v * R(xj[c]);
+          acc[c] -= v * R(xj[c]);
       }
-      X *rr = ri.data() + i * cols;
+      X *__restrict rr = ri.data() + i * cols;
       for (int c = 0; c < cols; c++) {
-        rr[c] = X(racc[c]);
-        rn[c] += std::norm(std::complex<double>(racc[c]));
+        rr[c] = X(acc[c]);
+        rn[c] += std::norm(std::complex<double>(acc[c]));
       }
     }
     double worst = 0.0;
     for (int c = 0; c < cols; c++)
       worst = std::max(worst, bn[c] > 0.0 ? std::sqrt(rn[c] / bn[c]) : 0.0);
+    t_residual += Seconds_Since(t0);
     return worst;
   }
   void Solve(X *x, int cols) {
+    const auto t0 = Clock::now();
     const int64_t n = b.neqns_ll;
     steps = 0;
     residual = 0.0;
@@ -352,6 +362,7 @@ template <class T, class X, class R> struct Column_Solver {
       return p.row < q.row || (p.row == q.row && p.col < q.col);
     });
     // The first pass reads the columns as they are.
+    const auto t1 = Clock::now();
     for (int64_t i = 0; i < n; i++) {
       const int64_t o = b.perm[i] - 1;
       for (int c = 0; c < cols; c++)
@@ -363,6 +374,7 @@ template <class T, class X, class R> struct Column_Solver {
       for (int c = 0; c < cols; c++)
         xi[i * cols + c] = static_cast<X>(row[c]);
     }
+    t_passes += Seconds_Since(t1);
     if (refine)
       for (int step = 0; step <= blk_refine_steps; step++) {
         residual = Residual(cols);
@@ -376,6 +388,7 @@ template <class T, class X, class R> struct Column_Solver {
     for (int64_t i = 0; i < n; i++)
       for (int c = 0; c < cols; c++)
         x[c * n + i] = xi[i * cols + c];
+    t_all += Seconds_Since(t0);
   }
 };
 
@@ -498,8 +511,11 @@ int Run_Blkfct(Data_Set &ds, Blkfct &b, const std::string &lindx_path) {
     loop++;
   }
   Set_Blas_Threads(threads);
-  for (auto *s : solver)
-    delete s;
+  for (int t = 0; t < threads; t++) {
+    TRACE("Solve_Block_ll thread %d passes %.2f s residuals %.2f s in all %.2f s\n", t,
+          solver[t]->t_passes, solver[t]->t_residual, solver[t]->t_all);
+    delete solver[t];
+  }
   progress(ds, "Forward modelling solving electrodes semistructured end", 1.0);
   fem.t_solve = Seconds_Since(t0);
   return err;
