@@ -294,15 +294,16 @@ template <class T, class X, class R> struct Column_Solver {
       bn.resize(width);
     }
   }
-  // One pass: y = A^-1 v, both in node order row by row (v, y may be the
-  // same); the solve itself in the factor's order.
-  void Pass(const X *v, X *y, int cols) {
+  // One pass: y = A^-1 v in node order, y row by row, v's value (row,
+  // column) at v[row * rs + column * cs] (v, y may be the same); the solve
+  // itself in the factor's order.
+  void Pass(const X *v, int64_t rs, int64_t cs, X *y, int cols) {
     const auto t0 = Clock::now();
     const int64_t n = b.neqns_ll;
     for (int64_t i = 0; i < n; i++) {
-      const X *src = v + static_cast<int64_t>(b.perm[i] - 1) * cols;
+      const X *src = v + static_cast<int64_t>(b.perm[i] - 1) * rs;
       for (int c = 0; c < cols; c++)
-        xp[i * cols + c] = static_cast<T>(src[c]);
+        xp[i * cols + c] = static_cast<T>(src[c * cs]);
     }
     Blkfct_Solve(b, lnz, xp.data(), cols, work.data(), active.data());
     for (int64_t i = 0; i < n; i++) {
@@ -362,25 +363,13 @@ template <class T, class X, class R> struct Column_Solver {
       return p.row < q.row || (p.row == q.row && p.col < q.col);
     });
     // The first pass reads the columns as they are.
-    const auto t1 = Clock::now();
-    for (int64_t i = 0; i < n; i++) {
-      const int64_t o = b.perm[i] - 1;
-      for (int c = 0; c < cols; c++)
-        xp[i * cols + c] = static_cast<T>(x[c * n + o]);
-    }
-    Blkfct_Solve(b, lnz, xp.data(), cols, work.data(), active.data());
-    for (int64_t i = 0; i < n; i++) {
-      const T *row = xp.data() + static_cast<int64_t>(b.invp[i] - 1) * cols;
-      for (int c = 0; c < cols; c++)
-        xi[i * cols + c] = static_cast<X>(row[c]);
-    }
-    t_passes += Seconds_Since(t1);
+    Pass(x, 1, n, xi.data(), cols);
     if (refine)
       for (int step = 0; step <= blk_refine_steps; step++) {
         residual = Residual(cols);
         if (residual <= tol || step == blk_refine_steps)
           break;
-        Pass(ri.data(), ri.data(), cols);
+        Pass(ri.data(), cols, 1, ri.data(), cols);
         for (int64_t k = 0; k < n * cols; k++)
           xi[k] += ri[k];
         steps = step + 1;
