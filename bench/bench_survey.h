@@ -4,10 +4,17 @@
 // layers).
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
+#include "core/data_set.h"
 #include "core/front_end.h"
+#include "core/temp_files.h"
+#include "forward/forward.h"
 
 // Messages go to stderr (only warnings when `warnings_only`); panel lines,
 // progress and questions are silent (every question answered No).
@@ -80,4 +87,51 @@ inline std::string Make_Grid_Survey(const char *title, int n, int layers) {
   f += points;
   f += "0\n0\n0\n0\n0\n";
   return f;
+}
+
+// A field of /proc/self/status in MB ("VmHWM:", "VmRSS:").
+inline double Status_MB(const char *field) {
+  FILE *f = std::fopen("/proc/self/status", "r");
+  if (!f)
+    return 0.0;
+  char line[256];
+  double kb = 0.0;
+  const size_t len = std::strlen(field);
+  while (std::fgets(line, sizeof line, f))
+    if (std::strncmp(line, field, len) == 0) {
+      kb = std::atof(line + len);
+      break;
+    }
+  std::fclose(f);
+  return kb / 1024.0;
+}
+
+// A data set read from the survey file, in batch mode, with its temporary
+// files in `dir`.
+struct Bench_Data_Set {
+  Data_Set ds;
+  explicit Bench_Data_Set(const std::string &dir) : ds(Options(dir), Silent_Front_End(true)) {
+    ds.batch_mode = 1;
+    ds.Create();
+    ds.First_Paint();
+  }
+  static Start_Options Options(const std::string &dir) {
+    Start_Options start;
+    start.buffer_folder = dir + "/";
+    start.config_folder = dir + "/";
+    return start;
+  }
+};
+
+// The capacitance matrix of a homogeneous 100 ohm.m ground on the solved
+// mesh, in CSR form (ds.Fem.coomatrix64). Returns 0 or the failure.
+inline int Assemble_Half_Space(Data_Set &ds) {
+  std::vector<float> res(std::max(ds.Model_grid.nmodel_blocks, 1), 100.0f);
+  CooMatrix64 &m = ds.Fem.coomatrix64;
+  ds.Data_ip.ipcmplx = 0;
+  ds.Fem.jacob = 0;
+  return ds.Model_grid.Set_Conductivity(ds, res.data()) || Start_SemiStructured(ds) ||
+         Set_Up_Cap_Matrix_Blk(ds, 0, ds.file_names.temp[TF_JACOBFX]) ||
+         m.COO_to_CSR_Fix(ds, ds.file_names.temp[TF_TEMPFILE]) ||
+         m.Get_CSR(ds, ds.file_names.temp[TF_TEMPFILE]);
 }

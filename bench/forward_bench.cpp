@@ -52,23 +52,6 @@ int block_double = 0;
 // SGEMM on the two cores of the machines this runs on, with the right kernel.
 constexpr double sgemm_peak = 330.0;
 
-// A field of /proc/self/status in MB ("VmHWM:", "VmRSS:").
-double Status_MB(const char *field) {
-  FILE *f = std::fopen("/proc/self/status", "r");
-  if (!f)
-    return 0.0;
-  char line[256];
-  double kb = 0.0;
-  const size_t len = std::strlen(field);
-  while (std::fgets(line, sizeof line, f))
-    if (std::strncmp(line, field, len) == 0) {
-      kb = std::atof(line + len);
-      break;
-    }
-  std::fclose(f);
-  return kb / 1024.0;
-}
-
 // What a child process sends back through its pipe.
 struct Run_Result {
   int ok = 0;
@@ -79,23 +62,6 @@ struct Run_Result {
          t_total = 0.0;
   double factor_entries = 0.0, factor_flops = 0.0, residual = 0.0;
   double rss_before_mb = 0.0, peak_mb = 0.0;
-};
-
-// A data set read from the survey file, in batch mode, with its temporary
-// files in `dir`.
-struct Bench_Data_Set {
-  Data_Set ds;
-  explicit Bench_Data_Set(const std::string &dir) : ds(Options(dir), Silent_Front_End(true)) {
-    ds.batch_mode = 1;
-    ds.Create();
-    ds.First_Paint();
-  }
-  static Start_Options Options(const std::string &dir) {
-    Start_Options start;
-    start.buffer_folder = dir + "/";
-    start.config_folder = dir + "/";
-    return start;
-  }
 };
 
 // The program's forward model of a homogeneous 100 ohm.m ground.
@@ -145,14 +111,8 @@ Run_Result Cholmod_Run(const std::string &dir, const std::string &path) {
   Data_Set &ds = b.ds;
   if (ds.Run_Command(CMD_READ_DATA, path.c_str()))
     return r;
-  std::vector<float> res(std::max(ds.Model_grid.nmodel_blocks, 1), 100.0f);
   CooMatrix64 &m = ds.Fem.coomatrix64;
-  ds.Data_ip.ipcmplx = 0;
-  ds.Fem.jacob = 0;
-  if (ds.Model_grid.Set_Conductivity(ds, res.data()) || Start_SemiStructured(ds) ||
-      Set_Up_Cap_Matrix_Blk(ds, 0, ds.file_names.temp[TF_JACOBFX]) ||
-      m.COO_to_CSR_Fix(ds, ds.file_names.temp[TF_TEMPFILE]) ||
-      m.Get_CSR(ds, ds.file_names.temp[TF_TEMPFILE]))
+  if (Assemble_Half_Space(ds))
     return r;
   // Only the double-precision values and the pattern are needed. The upper
   // triangle by rows (from 1) is the lower triangle by columns (from 0).
