@@ -135,3 +135,23 @@ inline int Assemble_Half_Space(Data_Set &ds) {
          m.COO_to_CSR_Fix(ds, ds.file_names.temp[TF_TEMPFILE]) ||
          m.Get_CSR(ds, ds.file_names.temp[TF_TEMPFILE]);
 }
+
+// The options every grid benchmark takes: --large (grids 30 and 66), --grid
+// N, --reps N. Returns the number of arguments taken at argv[k] (0 when the
+// argument is none of these).
+inline int Grid_Option(int argc, char **argv, int k, std::vector<int> &grids, int &reps) {
+  const std::string a = argv[k];
+  if (a == "--large") {
+    grids = {30, 66};
+    return 1;
+  }
+  if (a == "--grid" && k + 1 < argc) {
+    grids = {std::atoi(argv[k + 1])};
+    return 2;
+  }
+  if (a == "--reps" && k + 1 < argc) {
+    reps = std::max(1, std::atoi(argv[k + 1]));
+    return 2;
+  }
+  return 0;
+}

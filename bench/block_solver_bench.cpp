@@ -155,12 +155,8 @@ int main(int argc, char **argv) {
   int reps = 3, width = 32;
   for (int k = 1; k < argc; k++) {
     const std::string a = argv[k];
-    if (a == "--large") {
-      grids = {30, 66};
-    } else if (a == "--grid" && k + 1 < argc) {
-      grids = {std::atoi(argv[++k])};
-    } else if (a == "--reps" && k + 1 < argc) {
-      reps = std::max(1, std::atoi(argv[++k]));
+    if (const int used = Grid_Option(argc, argv, k, grids, reps)) {
+      k += used - 1;
     } else if (a == "--width" && k + 1 < argc) {
       width = std::clamp(std::atoi(argv[++k]), 1, 128);
     } else {

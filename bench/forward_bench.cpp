@@ -370,16 +370,12 @@ int main(int argc, char **argv) {
   int reps = 3;
   for (int k = 1; k < argc; k++) {
     const std::string a = argv[k];
-    if (a == "--large") {
-      grids = {30, 66};
-    } else if (a == "--grid" && k + 1 < argc) {
-      grids = {std::atoi(argv[++k])};
+    if (const int used = Grid_Option(argc, argv, k, grids, reps)) {
+      k += used - 1;
     } else if (a == "--block-code" && k + 1 < argc) {
       block_code = std::clamp(std::atoi(argv[++k]), 0, 5);
     } else if (a == "--block-double") {
       block_double = 1;
-    } else if (a == "--reps" && k + 1 < argc) {
-      reps = std::max(1, std::atoi(argv[++k]));
     } else {
       std::fprintf(stderr,
                    "usage: %s [--large] [--grid N] [--reps N] [--block-code 0-5] "
