@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <complex>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -446,7 +447,7 @@ int Run_Blkfct(Data_Set &ds, Blkfct &b, const std::string &lindx_path) {
   const int nsrc = fem.nsources;
   const bool refine = sizeof(T) == sizeof(X);
   const int64_t vw = cmplx ? 2 : 1;
-  std::vector<Column_Solver<T, X, R> *> solver(threads, nullptr);
+  std::vector<std::unique_ptr<Column_Solver<T, X, R>>> solver(threads);
   Block_Array<float> x;
   if (x.Resize(ds, static_cast<int64_t>(width) * threads * n * vw, "potentials")) {
     Show_Text(ds, "Memory Error Message", MK_WARNING,
@@ -458,7 +459,8 @@ int Run_Blkfct(Data_Set &ds, Blkfct &b, const std::string &lindx_path) {
   if (refine)
     full.Build(m);
   for (int t = 0; t < threads; t++)
-    solver[t] = new Column_Solver<T, X, R>(b, lnz.data(), full, width, fem.blk_refine_tol, refine);
+    solver[t] = std::make_unique<Column_Solver<T, X, R>>(b, lnz.data(), full, width,
+                                                         fem.blk_refine_tol, refine);
   int err = 0;
   int done = 0, loop = 0;
   fem.refine_steps_done = 0;
@@ -475,8 +477,10 @@ int Run_Blkfct(Data_Set &ds, Blkfct &b, const std::string &lindx_path) {
     const int nblk = per * nthr;
     const int *list = fem.sources.data() + done;
     TRACE("Start Setup_Solver i %d i4 %d num_elec_fold %d\n", done, per, nblk);
-    if (set_elec_numbers_ss(ds, nblk, list, x.data(), cmplx))
-      return 1;
+    if (set_elec_numbers_ss(ds, nblk, list, x.data(), cmplx)) {
+      err = 1;
+      break;
+    }
     Set_Blas_Threads(1);
 #pragma omp parallel for num_threads(nthr) schedule(static, 1)
     for (int t = 0; t < nthr; t++) {
@@ -503,7 +507,6 @@ int Run_Blkfct(Data_Set &ds, Blkfct &b, const std::string &lindx_path) {
   for (int t = 0; t < threads; t++) {
     TRACE("Solve_Block_ll thread %d passes %.2f s residuals %.2f s in all %.2f s\n", t,
           solver[t]->t_passes, solver[t]->t_residual, solver[t]->t_all);
-    delete solver[t];
   }
   progress(ds, "Forward modelling solving electrodes semistructured end", 1.0);
   fem.t_solve = Seconds_Since(t0);
