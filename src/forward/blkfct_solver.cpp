@@ -26,16 +26,6 @@ namespace {
 constexpr int max_neighbours = 30;
 constexpr int blk_refine_steps = 3;
 
-// Applies a permutation in parallel: out[i] = in[p[i] - 1] over `cols`
-// columns of n values (vw values an entry).
-template <class X> void Permute_Columns(const X *in, X *out, const int *p, int64_t n, int cols) {
-#pragma omp parallel for schedule(static) if (n * cols > 200000)
-  for (int64_t k = 0; k < n * cols; k++) {
-    const int64_t c = k / n, i = k % n;
-    out[k] = in[c * n + p[i] - 1];
-  }
-}
-
 // The fill-reducing order, from the cache while the pattern stays the same.
 int Order_Matrix(Data_Set &ds, std::vector<int> &perm, std::vector<int> &invp,
                  std::vector<int> &xadj, std::vector<int> &adjncy) {
