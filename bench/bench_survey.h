@@ -155,3 +155,11 @@ inline int Grid_Option(int argc, char **argv, int k, std::vector<int> &grids, in
   }
   return 0;
 }
+
+// The median of a few timings (0 for none).
+inline double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty()      ? 0.0
+         : v.size() % 2 ? v[v.size() / 2]
+                        : 0.5 * (v[v.size() / 2 - 1] + v[v.size() / 2]);
+}

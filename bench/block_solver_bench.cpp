@@ -28,11 +28,6 @@ namespace {
 constexpr int layers = 12;
 constexpr double sgemm_peak = 330.0; // GFLOP/s on the two cores, right kernel
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 // Seconds to solve `nsrc` sources in blocks of `width` columns a thread,
 // each column a unit source at a node spread over the mesh; `dense` fills
 // every row (as the refinement's right-hand side does).

@@ -229,13 +229,6 @@ template <class F> Run_Result In_Child(F work) {
   return r;
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty()      ? 0.0
-         : v.size() % 2 ? v[v.size() / 2]
-                        : 0.5 * (v[v.size() / 2 - 1] + v[v.size() / 2]);
-}
-
 // The first run's counts with the median of every timing and memory figure.
 Run_Result Median_Run(const std::vector<Run_Result> &runs) {
   Run_Result m = runs[0];

@@ -6,7 +6,8 @@
 // Supernode J holds columns xsuper[J] .. xsuper[J+1]-1 of the permuted
 // matrix; its rows are lindx[xlindx[J] .. xlindx[J+1]-1] (from 0, its own
 // columns first, ascending). Its values are a dense column-major panel of
-// rows x width at lnz + xpanel[J]; column j starts at xlnz[j], its diagonal.
+// rows x width at lnz + xpanel[J]; column j starts at Column_Start(j), its
+// diagonal.
 #pragma once
 
 #include <complex>
@@ -28,7 +29,7 @@ struct Blkfct {
 
   std::vector<int> perm, invp; // perm[new] = old, invp[old] = new, both from 1
   std::vector<int> lindx;      // rows are below 2^31: the graph is 32-bit
-  std::vector<int64_t> xlindx, xsuper, xlnz, xpanel;
+  std::vector<int64_t> xlindx, xsuper, xpanel;
   std::vector<int> snode;   // supernode of each column
   std::vector<int> sparent; // parent supernode, -1 at a root
 
@@ -43,6 +44,11 @@ struct Blkfct {
 
   int64_t Rows(int64_t J) const { return xlindx[J + 1] - xlindx[J]; }
   int64_t Width(int64_t J) const { return xsuper[J + 1] - xsuper[J]; }
+  // Where column j's values start in the factor (its diagonal entry).
+  int64_t Column_Start(int64_t j) const {
+    const int64_t J = snode[j], c = j - xsuper[J];
+    return xpanel[J] + c * Rows(J) + c;
+  }
 
   // From the graph (xadj, adjncy from 1, both triangles, no diagonal) and
   // a fill-reducing order (perm, invp from 1): the postordered order, the

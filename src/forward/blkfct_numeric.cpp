@@ -276,22 +276,17 @@ template <class T> int64_t Blkfct_Factor(const Blkfct &b, T *lnz, int threads) {
       total += work[J];
     }
   const double grain = total / (4.0 * threads);
-  if (threads > 1) {
-    for (;;) {
-      auto big = std::max_element(subtrees.begin(), subtrees.end(),
-                                  [&](int64_t a, int64_t c) { return work[a] < work[c]; });
-      if (big == subtrees.end() || work[*big] <= grain)
-        break;
-      const int64_t J = *big;
-      subtrees.erase(big);
-      top.push_back(J);
-      for (int64_t C = J - 1; C >= J - size[J] + 1; C -= size[C])
-        subtrees.push_back(C);
-    }
-  } else {
-    subtrees.clear();
-    for (int64_t J = 0; J < b.nsuper; J++)
-      top.push_back(J);
+  // One thread takes every tree whole.
+  while (threads > 1) {
+    auto big = std::max_element(subtrees.begin(), subtrees.end(),
+                                [&](int64_t a, int64_t c) { return work[a] < work[c]; });
+    if (big == subtrees.end() || work[*big] <= grain)
+      break;
+    const int64_t J = *big;
+    subtrees.erase(big);
+    top.push_back(J);
+    for (int64_t C = J - 1; C >= J - size[J] + 1; C -= size[C])
+      subtrees.push_back(C);
   }
   std::sort(subtrees.begin(), subtrees.end(),
             [&](int64_t a, int64_t c) { return work[a] > work[c]; });

@@ -126,6 +126,10 @@ template <class T> int64_t Copy_Cap_Matrix_Blkfct(const Blkfct &b, const CooMatr
   for (int64_t i = 0; i < m.n; i++)
     for (int64_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; k++) {
       const int a = b.invp[i] - 1, c = b.invp[m.ja[k] - 1] - 1;
+      if (a == c) {
+        lnz[b.Column_Start(a)] += Entry_Value<T>(m, k);
+        continue;
+      }
       const int col = std::min(a, c), row = std::max(a, c);
       const int64_t J = b.snode[col];
       int64_t pos = Row_Position(b, J, row);

@@ -263,9 +263,8 @@ int Blkfct::Symbolic_Factorization(int64_t n, const int *xadj, const int *adjncy
     std::sort(lindx.begin() + xlindx[J] + (l - f + 1), lindx.begin() + at);
   }
 
-  // Panels and column starts.
+  // Panels.
   xpanel.resize(nsuper + 1);
-  xlnz.resize(n + 1);
   xpanel[0] = 0;
   nofnz = 0;
   flops = 0.0;
@@ -273,13 +272,11 @@ int Blkfct::Symbolic_Factorization(int64_t n, const int *xadj, const int *adjncy
     const int64_t w = Width(J), r = Rows(J);
     xpanel[J + 1] = xpanel[J] + w * r;
     for (int64_t c = 0; c < w; c++) {
-      xlnz[xsuper[J] + c] = xpanel[J] + c * r + c;
       const double len = static_cast<double>(r - c);
       flops += len * len;
     }
     nofnz += Trapezoid(w, r);
   }
-  xlnz[n] = xpanel[nsuper];
   panel_values = xpanel[nsuper];
 
   // Update lists: supernode K updates each supernode that holds one of its

@@ -4,7 +4,6 @@
 // precision against the assembled matrix.
 #include <cmumps_c.h>
 #include <dmumps_c.h>
-#include <metis.h>
 #include <omp.h>
 #include <smumps_c.h>
 #include <zmumps_c.h>
@@ -19,6 +18,7 @@
 #include "core/data_set.h"
 #include "core/messages.h"
 #include "core/trace.h"
+#include "forward/blkfct.h"
 #include "forward/forward.h"
 #include "forward/refinement.h"
 #include "survey/survey_text.h"
@@ -68,20 +68,16 @@ int Set_Ordering(Data_Set &ds) {
   const auto t0 = Clock::now();
   progress(ds, "Setting up ss mesh matrix ordering..", 0.0);
   const int64_t nadj = 2 * (m.count - m.n);
-  Block_Array<idx_t> xadj, adjncy, perm, iperm;
+  Block_Array<int> xadj, adjncy, perm, iperm;
   if (xadj.Resize(ds, m.n + 1, "ordering xadj") ||
       adjncy.Resize(ds, std::max<int64_t>(nadj, 1), "ordering adjncy") ||
       perm.Resize(ds, m.n, "ordering perm") || iperm.Resize(ds, m.n, "ordering iperm"))
     return 1;
   if (m.Set_Adjacency_From_CSR(INT64_MAX, xadj.data(), adjncy.data()) < 0)
     return 1;
-  idx_t options[METIS_NOPTIONS];
-  METIS_SetDefaultOptions(options);
-  options[METIS_OPTION_NUMBERING] = 1;
-  idx_t nv = static_cast<idx_t>(m.n);
   const int r =
-      METIS_NodeND(&nv, xadj.data(), adjncy.data(), nullptr, options, perm.data(), iperm.data());
-  if (r != METIS_OK) {
+      mnd_adj(xadj.data(), adjncy.data(), static_cast<int>(m.n), perm.data(), iperm.data());
+  if (r) {
     Show_Text(ds, "Message", MK_WARNING, "METIS ordering error code %d\n", r);
     return 1;
   }
