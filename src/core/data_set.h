@@ -15,6 +15,7 @@
 #include "core/temp_files.h"
 #include "forward/fem_state.h"
 #include "inversion/ls_method.h"
+#include "inversion/ls_state.h"
 #include "mesh/model_grid.h"
 #include "mesh/semi_structured.h"
 #include "modes/data_ip.h"
@@ -43,6 +44,7 @@ public:
   Data_IP Data_ip;
   Time_Lapse Time_lapse;
   LS_Method LS_method;
+  LS_State LS; // working state of the inversion run
   Data_Filter Data_filter;
   SemiStructured Semistructured;
   Fem_State Fem; // capacitance matrix, electrode nodes, potentials, calculated data

@@ -1,0 +1,20 @@
+// Writers of the inversion results file (.inv): the header (a data file in
+// the arbitrary point electrodes form followed by the model geometry), one
+// model section per iteration and the summary. Every writer opens the file
+// for appending and closes it again, so a run that dies keeps each finished
+// iteration.
+#pragma once
+
+#include <cstdio>
+
+class Data_Set;
+
+// Iteration 0 writes the header, an iteration above 0 a model section.
+// `misfit` is the fraction (0.05 is 5 percent).
+int printmodelh(Data_Set &ds, const char *path, int iteration, double misfit);
+// Records the iteration's misfit and writes its model section.
+int Save_Model(Data_Set &ds);
+// The summary, then `closing` on a line of its own.
+int Print_Summary(Data_Set &ds, const char *closing);
+// The value writer's format of one value.
+void Write_Results_Value(FILE *f, double v);
