@@ -117,6 +117,21 @@ int Run_Check_Mesh(Data_Set &ds, const Cli_Options &opt) {
   return Check_Mesh_Half_Space(ds, acc) ? 1 : 0;
 }
 
+// invert DATA.dat [-o RESULTS.inv]
+int Run_Invert(Data_Set &ds, const Cli_Options &opt) {
+  if (opt.args.size() != 1)
+    return Usage_Error("invert needs one data file name");
+  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
+    return 1;
+  const std::string *out = Named_Option(opt, "-o");
+  const int r = ds.Run_Command(CMD_INVERT, out ? out->c_str() : nullptr);
+  if (!ds.LS.results_path.empty()) {
+    print_to_buffer(ds.mesg, sizeof ds.mesg, "Results file %s", ds.LS.results_path.c_str());
+    panel_text(ds, ds.mesg);
+  }
+  return r ? 1 : 0;
+}
+
 // Subcommands whose work is not built yet go through their command ids, so
 // they refuse with the core's own words: the data file is read first, then
 // the command that needs it.
@@ -128,7 +143,7 @@ int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
     return ds.Run_Command(CMD_READ_RESULTS, opt.args[0].c_str()) ? 1 : 0;
   if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
     return 1;
-  return ds.Run_Command(s == "invert" ? CMD_INVERT : CMD_MESH_SETTINGS) ? 1 : 0;
+  return ds.Run_Command(CMD_MESH_SETTINGS) ? 1 : 0;
 }
 
 } // namespace
@@ -196,6 +211,8 @@ int main(int argc, char **argv) {
     result = Run_Forward(ds, opt);
   else if (sub == "check-mesh")
     result = Run_Check_Mesh(ds, opt);
+  else if (sub == "invert")
+    result = Run_Invert(ds, opt);
   else
     result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);

@@ -8,6 +8,7 @@
 #include "core/messages.h"
 #include "core/settings_table.h"
 #include "core/trace.h"
+#include "inversion/inversion.h"
 #include "survey/survey.h"
 
 namespace {
@@ -58,6 +59,12 @@ int Run_Trace(Data_Set &ds, const char *path) {
     return 0;
   }
   return trace_rec.trace_on ? 0 : Create_Trace_File(ds);
+}
+
+// "Data set inversion": `path` names the results file (null: the data
+// file's name with ".inv").
+int Run_Invert(Data_Set &ds, const char *path) {
+  return Set_Save_Inversion_Results(ds, path);
 }
 
 int Run_Save_Sorted(Data_Set &ds, const char *path) {
@@ -116,7 +123,7 @@ const Command_Entry command_table[] = {
     {CMD_READ_DATA, G_NONE, Call_Read_Data_File},
     {CMD_SAVE_IVP, G_NONE, Run_Save_Ivp},
     {CMD_READ_IVP, G_NONE, Run_Read_Ivp},
-    {CMD_INVERT, G_DATA_READ, nullptr},
+    {CMD_INVERT, G_DATA_READ, Run_Invert},
     {CMD_TRACE, G_NONE, Run_Trace},
     {CMD_APPRES_INV, G_NONE, nullptr},
     {CMD_SAVE_SORTED, G_NONE, Run_Save_Sorted},

@@ -21,6 +21,15 @@ void Element_Points(const Element &el, double p[8][3]) {
   }
 }
 
+// Position in hex_pairs of the node pair (a, b), either order.
+int Hex_Pair_Index(int a, int b) {
+  const int lo = std::min(a, b), hi = std::max(a, b);
+  for (int v = 0; v < hex_values; v++)
+    if (hex_pairs[v][0] == lo && hex_pairs[v][1] == hi)
+      return v;
+  return 0; // every face pair is a stored pair
+}
+
 // One element into the store; returns the failed inserts. `unit` (10 or 32
 // values) receives the unit-conductivity matrix when not null.
 int Add_Element(CooMatrix64 &m, const Element &el, double xmid, double ymid, float *unit) {
@@ -60,6 +69,15 @@ int Add_Element(CooMatrix64 &m, const Element &el, double xmid, double ymid, flo
     for (int v = 0; v < 10; v++)
       fail += m.add(el.node[hex_face_nodes[f][face_pairs[v][0]]],
                     el.node[hex_face_nodes[f][face_pairs[v][1]]], mr[v], mi[v]);
+    // The face term scales with the element's conductivity too, so the
+    // unit-conductivity values that the Jacobian reads carry it.
+    if (unit) {
+      double mu[10];
+      Boundary_Face_Matrix(g, mu);
+      for (int v = 0; v < 10; v++)
+        unit[Hex_Pair_Index(hex_face_nodes[f][face_pairs[v][0]],
+                            hex_face_nodes[f][face_pairs[v][1]])] += static_cast<float>(mu[v]);
+    }
   }
   return fail;
 }

@@ -54,20 +54,12 @@ template <class F> void For_Each_Cell_Block(const Model_Grid &g, F f) {
   }
 }
 
-// Water above the ground and the fixed regions, over the cells.
-void Overlay_Water_And_Fixed(Data_Set &ds, float *cr, float *ci) {
-  Model_Grid &g = ds.Model_grid;
+// Calls f(region, cell index) for every main mesh cell whose centre lies in
+// a fixed region.
+template <class F> void For_Each_Fixed_Cell(const Model_Grid &g, const Fix_Regions &fr, F f) {
   const int cx = g.lx - 1, cy = g.ly - 1;
   const int64_t plane = static_cast<int64_t>(cx) * cy;
-  if (g.nwater > 0 && ds.water.res > 0.0) {
-    const float c = static_cast<float>(1.0 / ds.water.res);
-    std::fill(cr, cr + plane * g.nwater, c);
-    if (ci)
-      std::fill(ci, ci + plane * g.nwater, 0.0f);
-  }
-  const Fix_Regions &fr = ds.Fix_regions;
   for (int r = 0; r < fr.nfix; r++) {
-    const float c = fr.res[r] > 0.0f ? 1.0f / fr.res[r] : 0.0f;
     for (int kc = 0; kc < g.lz - 1; kc++) {
       const float zc = 0.5f * (g.zmesh[kc] + g.zmesh[kc + 1]);
       if (zc < fr.z1[r] || zc > fr.z2[r])
@@ -81,14 +73,30 @@ void Overlay_Water_And_Fixed(Data_Set &ds, float *cr, float *ci) {
           const float xc = 0.5f * (g.sx[i] + g.sx[i + 1]);
           if (xc < fr.x1[r] || xc > fr.x2[r])
             continue;
-          const int64_t cell = (kc + g.nwater) * plane + static_cast<int64_t>(j) * cx + i;
-          cr[cell] = c;
-          if (ci)
-            ci[cell] = 0.0f;
+          f(r, (kc + g.nwater) * plane + static_cast<int64_t>(j) * cx + i);
         }
       }
     }
   }
+}
+
+// Water above the ground and the fixed regions, over the cells.
+void Overlay_Water_And_Fixed(Data_Set &ds, float *cr, float *ci) {
+  Model_Grid &g = ds.Model_grid;
+  const int cx = g.lx - 1, cy = g.ly - 1;
+  const int64_t plane = static_cast<int64_t>(cx) * cy;
+  if (g.nwater > 0 && ds.water.res > 0.0) {
+    const float c = static_cast<float>(1.0 / ds.water.res);
+    std::fill(cr, cr + plane * g.nwater, c);
+    if (ci)
+      std::fill(ci, ci + plane * g.nwater, 0.0f);
+  }
+  const Fix_Regions &fr = ds.Fix_regions;
+  For_Each_Fixed_Cell(g, fr, [&](int r, int64_t cell) {
+    cr[cell] = fr.res[r] > 0.0f ? 1.0f / fr.res[r] : 0.0f;
+    if (ci)
+      ci[cell] = 0.0f;
+  });
   TRACE("Copy_Fix_Res end\n");
 }
 
@@ -134,22 +142,20 @@ int Model_Grid::Set_Conductivity_Cmplx(Data_Set &ds, const float *res, const flo
   return 0;
 }
 
-void Set_Mesh_Cell_Cond_ss(Data_Set &ds, bool complex_values) {
-  const Model_Grid &g = ds.Model_grid;
-  SemiStructured &ss = ds.Semistructured;
-  const int cx = g.lx - 1, cy = g.ly - 1;
-  const int64_t plane = static_cast<int64_t>(cx) * cy;
-  // Cell boundary lines in x and in y.
-  std::vector<float> xl(g.lx), yl(g.ly);
-  for (int i = 0; i < g.lx; i++)
-    xl[i] = g.sx[i];
-  for (int j = 0; j < g.ly; j++)
-    yl[j] = g.sy[static_cast<int64_t>(j) * g.lx];
-  const float *cr = g.cxyz_r.data(), *ci = complex_values ? g.cxyz_i.data() : nullptr;
-  const int64_t ne = ss.number_elements;
-#pragma omp parallel for schedule(static)
-  for (int64_t e = 0; e < ne; e++) {
-    Element &el = ss.elements[e];
+namespace {
+
+// The main mesh cell under an element's centre.
+class Element_Cell_Locator {
+public:
+  explicit Element_Cell_Locator(const Model_Grid &g)
+      : cx_(g.lx - 1), cy_(g.ly - 1), plane_(static_cast<int64_t>(g.lx - 1) * (g.ly - 1)),
+        xl_(g.lx), yl_(g.ly) {
+    for (int i = 0; i < g.lx; i++)
+      xl_[i] = g.sx[i];
+    for (int j = 0; j < g.ly; j++)
+      yl_[j] = g.sy[static_cast<int64_t>(j) * g.lx];
+  }
+  int64_t Cell(const Element &el) const {
     float mx = 0.0f, my = 0.0f;
     for (int c = 0; c < el.nnodes; c++) {
       mx += el.x[c];
@@ -159,13 +165,51 @@ void Set_Mesh_Cell_Cond_ss(Data_Set &ds, bool complex_values) {
     my /= el.nnodes;
     // The last column whose upper line does not exceed the mean.
     const int i = std::clamp(
-        static_cast<int>(std::upper_bound(xl.begin() + 1, xl.end(), mx) - xl.begin()) - 1, 0,
-        cx - 1);
+        static_cast<int>(std::upper_bound(xl_.begin() + 1, xl_.end(), mx) - xl_.begin()) - 1, 0,
+        cx_ - 1);
     const int j = std::clamp(
-        static_cast<int>(std::upper_bound(yl.begin() + 1, yl.end(), my) - yl.begin()) - 1, 0,
-        cy - 1);
-    const int64_t cell = (el.layer - 1) * plane + static_cast<int64_t>(j) * cx + i;
+        static_cast<int>(std::upper_bound(yl_.begin() + 1, yl_.end(), my) - yl_.begin()) - 1, 0,
+        cy_ - 1);
+    return (el.layer - 1) * plane_ + static_cast<int64_t>(j) * cx_ + i;
+  }
+
+private:
+  int cx_, cy_;
+  int64_t plane_;
+  std::vector<float> xl_, yl_;
+};
+
+} // namespace
+
+void Set_Mesh_Cell_Cond_ss(Data_Set &ds, bool complex_values) {
+  const Model_Grid &g = ds.Model_grid;
+  SemiStructured &ss = ds.Semistructured;
+  const Element_Cell_Locator locate(g);
+  const float *cr = g.cxyz_r.data(), *ci = complex_values ? g.cxyz_i.data() : nullptr;
+  const int64_t ne = ss.number_elements;
+#pragma omp parallel for schedule(static)
+  for (int64_t e = 0; e < ne; e++) {
+    Element &el = ss.elements[e];
+    const int64_t cell = locate.Cell(el);
     el.cond_r = cr[cell];
     el.cond_i = ci ? ci[cell] : 0.0f;
   }
+}
+
+int Element_Model_Blocks(const Data_Set &ds, std::vector<int> &block) {
+  const Model_Grid &g = ds.Model_grid;
+  const SemiStructured &ss = ds.Semistructured;
+  if (g.nmodel_blocks < 1 || g.lx < 2 || g.ly < 2 || g.lzw < 2)
+    return 2;
+  // Block of each main mesh cell; water and fixed-region cells take none.
+  std::vector<int> cell_block(static_cast<size_t>(g.lx - 1) * (g.ly - 1) * (g.lzw - 1), -1);
+  For_Each_Cell_Block(g, [&](int64_t cell, int m) { cell_block[cell] = m; });
+  For_Each_Fixed_Cell(g, ds.Fix_regions, [&](int, int64_t cell) { cell_block[cell] = -1; });
+  const Element_Cell_Locator locate(g);
+  const int64_t ne = ss.number_elements;
+  block.assign(ne, -1);
+#pragma omp parallel for schedule(static)
+  for (int64_t e = 0; e < ne; e++)
+    block[e] = cell_block[locate.Cell(ss.elements[e])];
+  return 0;
 }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 class Data_Set;
 class Model_Grid;
@@ -18,6 +19,9 @@ void Set_Mesh_Cell_Cond_ss(Data_Set &ds, bool complex_values);
 // with `jacob` the unit-conductivity element values go to `store_path`.
 // Returns the count of failed inserts (or 1 on a failed allocation).
 int Set_Up_Cap_Matrix_Blk(Data_Set &ds, int jacob, const std::string &store_path);
+// Model block (from 0) of each element of the solved mesh, or -1 where the
+// element's conductivity comes from no block (water, fixed regions).
+int Element_Model_Blocks(const Data_Set &ds, std::vector<int> &block);
 int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string &store_path);
 
 // --- Library solve ----------------------------------------------------------------

@@ -120,10 +120,11 @@ void Free_Arrays_ss(Data_Set &ds) {
   Fem_State &fem = ds.Fem;
   TRACE("Free_Arrays_ss elements %lld nodes %d\n", static_cast<long long>(ss.number_elements),
         ss.number_nodes_ss);
-  ss.elements.Free();
   fem.coomatrix64.Free_COO();
   fem.coomatrix64.Free_CSR();
+  // The Jacobian reads the elements and their stored values; it frees them.
   if (!fem.jacob) {
+    ss.elements.Free();
     fem.cp18.Free();
     fem.cp_offset.Free();
   }
