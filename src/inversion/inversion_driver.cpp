@@ -162,6 +162,16 @@ int Set_Up_Run(Data_Set &ds) {
     Calculate_Sensitivity_Constraints(ds);
   }
   progress(ds, "End initial Jacobian", 1.0);
+  {
+    // The balance of the two sides: mean diagonals of J^T J and of F.
+    double jj = 0.0, ff = 0.0;
+    for (int i = 0; i < ls.nmodel; i++)
+      jj += ls.diag_hessian_res[i];
+    for (int i = 0; i < ls.F.n; i++)
+      ff += ls.F.val[ls.F.row[i] - 1];
+    TRACE("Mean diagonal of J^T J %.6e, of the roughness filter %.6e\n", jj / ls.nmodel,
+          ff / std::max(ls.F.n, 1));
+  }
   ls.hist_rms[0] = ls.rmslog_res * 100.0;
   Calculate_Lcurve_Values_Resis_Iter(ds, 0, ls.fmarq);
   if (ls.save_results) {

@@ -98,9 +98,13 @@ int Least_Squares_New_Model(Data_Set &ds) {
     objf1 = Calculate_Lcurve_Values_Resis_Iter(ds, ls.nitcount, ls.fmarq);
   }
   ls.calc_jacobian = calc_saved;
-  Progress_Text(
-      ds, 1.0, ls.dataconstr ? "Iteration %d  Abs. error %6.2f " : "Iteration %d  RMS error %6.2f ",
-      ls.nitcount, ls.rmslog_res * 100.0);
+  // The user's stop (a quit request from the front end's pump) ends the run
+  // at the head of the next iteration.
+  if (Progress_Text(ds, 1.0,
+                    ls.dataconstr ? "Iteration %d  Abs. error %6.2f "
+                                  : "Iteration %d  RMS error %6.2f ",
+                    ls.nitcount, ls.rmslog_res * 100.0))
+    ls.stop_inversion = 1;
   if (ls.nitcount < static_cast<int>(ls.hist_rms.size()))
     ls.hist_rms[ls.nitcount] = ls.rmslog_res * 100.0;
   if (rms1 < rms0 && (lm.extra_reduce_damp_L2_L1 == 1 || ls.nitcount == 1))

@@ -18,3 +18,7 @@ int Save_Model(Data_Set &ds);
 int Print_Summary(Data_Set &ds, const char *closing);
 // The value writer's format of one value.
 void Write_Results_Value(FILE *f, double v);
+// Error e of one datum, observed o against calculated c, by the quantity
+// inverted (appres_inv): 0 log(o / c), 3 log(o^2 / c^2), both falling back to
+// 2 (o - c) / (|o| + |c|) when c (or o) is at most 0; others (o - c) w.
+double Calculate_Datum_Error(int appres_inv, double o, double c, double w);

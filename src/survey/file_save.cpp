@@ -9,37 +9,21 @@
 #include "survey/survey.h"
 #include "survey/survey_text.h"
 
-namespace {
-
 void Write_Grid_Lines(FILE *f, const char *caption, const double *v, int n, double origin,
-                      double scale) {
+                      double scale, const char *format) {
   std::fprintf(f, "%s\n", caption);
   for (int i = 0; i < n; i++) {
-    std::fprintf(f, " %12.3f", v[i] * scale + origin);
+    std::fprintf(f, format, v[i] * scale + origin);
     if (i % 10 == 9 || i == n - 1)
       std::fprintf(f, "\n");
   }
 }
 
-// The file's array number (and sub-array number) of the survey.
-void Write_Array(Data_Set &ds, FILE *f) {
-  if (ds.array == 11) {
-    const int sub = ds.array2 == 4 ? 2 : ds.array2 == 5 ? 3 : ds.array2;
-    std::fprintf(f, "11\n%d\n", sub);
-    if (ds.array2 == 16)
-      std::fprintf(f,
-                   "Type of measurements (Two component values=0, Apparent resistivity "
-                   "amplitude and resistance ratio=1)\n%d\n",
-                   ds.vector_data_type);
-    else
-      std::fprintf(f, "Type of data (0=Apparent Resistivity,1=Resistance)\n%d\n", ds.resistance);
-    return;
-  }
-  const int number = ds.array == 4 ? 2 : ds.array == 5 ? 3 : ds.array;
-  std::fprintf(f, "%d\n", number);
+int File_Array_Number(int code) {
+  return code == 4 ? 2 : code == 5 ? 3 : code;
 }
 
-void Write_Point_Electrodes(Data_Set &ds, FILE *f) {
+void Write_Point_Electrodes(Data_Set &ds, FILE *f, int index_width) {
   if (ds.num_point_elecs < 1)
     return;
   std::fprintf(f, "Point Electrodes outside grid present\nNumber of point electrodes\n%d\n",
@@ -53,9 +37,10 @@ void Write_Point_Electrodes(Data_Set &ds, FILE *f) {
     const Point_Electrode &p = ds.pe[e];
     const double x = p.x * ds.spxx + ds.xmin, y = p.y * ds.spxx + ds.ymin, z = p.z * ds.spxx;
     if (ds.subsurface_present)
-      std::fprintf(f, "%4d %13.4f,%13.4f,%13.4f,%13.4f\n", e + 1, x, y, z, p.depth * ds.spxx);
+      std::fprintf(f, "%*d %13.4f,%13.4f,%13.4f,%13.4f\n", index_width, e + 1, x, y, z,
+                   p.depth * ds.spxx);
     else
-      std::fprintf(f, "%4d %13.4f,%13.4f,%13.4f\n", e + 1, x, y, z);
+      std::fprintf(f, "%*d %13.4f,%13.4f,%13.4f\n", index_width, e + 1, x, y, z);
   }
 }
 
@@ -67,6 +52,25 @@ void Write_User_Depths(Data_Set &ds, FILE *f) {
                g.nlayers_user);
   for (int i = 0; i < g.nlayers_user; i++)
     std::fprintf(f, "%3d %12.4f\n", i + 1, g.depth_user[i]);
+}
+
+namespace {
+
+// The file's array number (and sub-array number) of the survey.
+void Write_Array(Data_Set &ds, FILE *f) {
+  if (ds.array == 11) {
+    const int sub = File_Array_Number(ds.array2);
+    std::fprintf(f, "11\n%d\n", sub);
+    if (ds.array2 == 16)
+      std::fprintf(f,
+                   "Type of measurements (Two component values=0, Apparent resistivity "
+                   "amplitude and resistance ratio=1)\n%d\n",
+                   ds.vector_data_type);
+    else
+      std::fprintf(f, "Type of data (0=Apparent Resistivity,1=Resistance)\n%d\n", ds.resistance);
+    return;
+  }
+  std::fprintf(f, "%d\n", File_Array_Number(ds.array));
 }
 
 void Write_IP_Section(Data_Set &ds, FILE *f) {
@@ -202,14 +206,14 @@ int File_Save(Data_Set &ds, const char *path) {
   std::fprintf(f, "Nonuniform Grid\n");
   const double scale = ds.positions_scaled ? ds.spxx : 1.0;
   Write_Grid_Lines(f, "X-location of grid lines", g.xgrid, g.ngridx,
-                   ds.positions_scaled ? ds.xmin : 0.0, scale);
+                   ds.positions_scaled ? ds.xmin : 0.0, scale, " %12.3f");
   Write_Grid_Lines(f, "Y-location of grid lines", g.ygrid, g.ngridy,
-                   ds.positions_scaled ? ds.ymin : 0.0, scale);
+                   ds.positions_scaled ? ds.ymin : 0.0, scale, " %12.3f");
   if (ds.type_geofac > 0)
     std::fprintf(f, "Type of geometric factor\n%d\n", ds.type_geofac);
   Write_Array(ds, f);
   Write_Tank_Section(ds, f);
-  Write_Point_Electrodes(ds, f);
+  Write_Point_Electrodes(ds, f, 4);
   Write_User_Depths(ds, f);
   std::fprintf(f, "%d\n", ds.mdata);
   Write_IP_Section(ds, f);

@@ -33,6 +33,16 @@ int File_Save(Data_Set &ds, const char *path);
 void Print_Data(Data_Set &ds, FILE *f);
 // Value format of the data lines.
 void Write_Data_Value(FILE *f, double v);
+// Pieces of the data file's header, shared with the results file (user units).
+// Grid lines in rows of 10, each value by `format`.
+void Write_Grid_Lines(FILE *f, const char *caption, const double *v, int n, double origin,
+                      double scale, const char *format);
+// The file's number of a stored array code: 4 is written as 2 and 5 as 3.
+int File_Array_Number(int code);
+// The point electrode list, the index `index_width` characters wide.
+void Write_Point_Electrodes(Data_Set &ds, FILE *f, int index_width);
+// The user defined depths to layers, when at least 3 were given.
+void Write_User_Depths(Data_Set &ds, FILE *f);
 // `path` with its extension replaced by `ending` (e.g. "_sort.dat").
 void Derived_File_Name(const char *path, const char *ending, char *out, size_t size);
 

@@ -113,7 +113,7 @@ TEST_F(Cli, ReadReportsAndSavesTheData) {
 TEST_F(Cli, UnbuiltCommandsRefuseWithStatusOne) {
   std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
                              dir + "/x.dat");
-  const Run_Result r = Run("invert x.dat");
+  const Run_Result r = Run("export x.dat --format xyz");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("Message: This command is not available yet."), std::string::npos);
   // A file that is no data file stops at the read.

@@ -43,8 +43,8 @@ TEST(Commands, GatesRefuseWithTheirTexts) {
     EXPECT_EQ(rec.messages[0].kind, c.kind) << c.id;
     EXPECT_EQ(ds->current_command, c.id);
   }
-  // Data read without data points still refuses the run; with data it passes
-  // the gate and meets the unbuilt inversion.
+  // Data read without data points still refuses the run; data points
+  // without a model grid stop at the run's own check.
   ds->data_read = 1;
   rec.Clear();
   EXPECT_EQ(ds->Run_Command(CMD_INVERT), 1);
@@ -52,6 +52,10 @@ TEST(Commands, GatesRefuseWithTheirTexts) {
   ds->mdata = 20;
   rec.Clear();
   EXPECT_EQ(ds->Run_Command(CMD_INVERT), 1);
+  EXPECT_EQ(rec.messages.at(0).text, "You must first read in a data file");
+  // A command that is not built says so.
+  rec.Clear();
+  EXPECT_EQ(ds->Run_Command(CMD_MESH_SETTINGS), 1);
   EXPECT_EQ(rec.messages.at(0).text, "This command is not available yet.");
 }
 
