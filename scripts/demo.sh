@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# The main job on the bundled example: for now the program's configuration
-# report, the read of an example data file saved back in the program's own
-# layout, the finite-element mesh of the 9 by 14 electrode grid written for
-# ParaView, the mesh's check against a homogeneous half-space, and synthetic
-# data of a buried conductor with 3 % noise.
+# The main job on the bundled example: the program's configuration report,
+# the read of an example data file saved back in the program's own layout,
+# the finite-element mesh of the 9 by 14 electrode grid written for ParaView,
+# the mesh's check against a homogeneous half-space, synthetic data of a
+# buried conductor with 3 % noise, and the inversion of those data. The
+# results stay in BUILD/demo/.
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
-out=$(mktemp -d)
-trap 'rm -rf "$out"' EXIT
+out="$build/demo"
+rm -rf "$out"
+mkdir -p "$out"
 "$build/ohmvol3d" info
 cp "$here/examples/ip_chargeability.dat" "$out/"
 "$build/ohmvol3d" read "$out/ip_chargeability.dat" --save "$out/saved.dat"
@@ -22,3 +24,5 @@ box 7.5 12.5  12.5 20  1 4  10   # a conductor under the middle of the grid
 MODEL
 "$build/ohmvol3d" forward "$out/grid_9x14.dat" --model "$out/model.txt" -o "$out/synthetic.dat" --noise 3 --seed 7
 echo "Synthetic data: $out/synthetic.dat ($(wc -l <"$out/synthetic.dat") lines)."
+"$build/ohmvol3d" invert "$out/synthetic.dat" -o "$out/synthetic.inv" --buffer "$out"
+echo "Inversion results: $out/synthetic.inv"

@@ -5,13 +5,13 @@ class LS_Method {
 public:
   // Damping factor and its schedule.
   double fmarq1 = 0.15;                 // damping factor of the first iteration
-  double fmarqm = 0.015;                // floor of the damping factor
+  double fmarqm = 0.002;                // floor of the damping factor
   double reduce_damping_factor = 0.5;   // factor that lowers the damping after each iteration
   int reduce_damping_linear = 0;        // reduction: 0 by a constant factor, 1 by a constant amount
   int staggered_damping = 0;            // another reduction factor in the first iterations
   int extra_reduce_damp_L2_L1 = 0;      // extra reduction in every iteration that lowers the misfit
   int exit_min_damping = 0;             // end the run once the minimum damping factor is reached
-  double damp_depth_factor = 1.20;      // growth of the damping with each deeper layer
+  double damp_depth_factor = 1.05;      // growth of the damping with each deeper layer
   int use_first_layer_damp = 1;         // higher damping for the first layer
   double first_layer_damp_factor = 2.0; // damping increase of the first layer
   int combined_marquardt = 0;           // add a Marquardt term to the smoothness constraint

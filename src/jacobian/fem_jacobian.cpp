@@ -252,22 +252,26 @@ void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, in
       const float *kv = fem.cp18.data() + fem.cp_offset[e];
       const int nv = el.tet ? tet_values : hex_values;
       const int(*pairs)[2] = el.tet ? tet_pairs : hex_pairs;
-      for (int d = 0; d < g; d++) {
-        const float *qd = qdiff + d * n * vw;
-        float acc[8][2] = {};
-        for (int v = 0; v < nv; v++) {
-          const int r = pairs[v][0], s = pairs[v][1];
-          const int64_t nr = (el.node[r] - 1) * vw, ns = (el.node[s] - 1) * vw;
-          for (int p = 0; p < vw; p++) {
-            acc[r][p] += kv[v] * qd[ns + p];
-            if (r != s)
-              acc[s][p] += kv[v] * qd[nr + p];
-          }
-        }
-        for (int a = 0; a < el.nnodes; a++)
+      // The potential fields at the element's nodes, gathered once.
+      float ql[8][4][2], acc[8][4][2] = {};
+      for (int a = 0; a < el.nnodes; a++)
+        for (int d = 0; d < g; d++)
           for (int p = 0; p < vw; p++)
-            vtemp[((static_cast<int64_t>(k) + a) * g + d) * vw + p] = acc[a][p];
+            ql[a][d][p] = qdiff[(d * n + el.node[a] - 1) * vw + p];
+      for (int v = 0; v < nv; v++) {
+        const int r = pairs[v][0], t = pairs[v][1];
+        const float kk = kv[v];
+        for (int d = 0; d < g; d++)
+          for (int p = 0; p < vw; p++) {
+            acc[r][d][p] += kk * ql[t][d][p];
+            if (r != t)
+              acc[t][d][p] += kk * ql[r][d][p];
+          }
       }
+      for (int a = 0; a < el.nnodes; a++)
+        for (int d = 0; d < g; d++)
+          for (int p = 0; p < vw; p++)
+            vtemp[((static_cast<int64_t>(k) + a) * g + d) * vw + p] = acc[a][d][p];
       k += el.nnodes;
     }
   }
