@@ -164,23 +164,6 @@ void Write_Grid_Topography(Data_Set &ds, FILE *f) {
     }
 }
 
-void Write_Fixed_Regions_Copy(Data_Set &ds, FILE *f) {
-  const Fix_Regions &r = ds.Fix_regions;
-  if (r.nfix <= 0)
-    return;
-  std::fprintf(f, "FIXED REGIONS\n%d\n", r.nfix);
-  for (int k = 0; k < r.nfix; k++) {
-    std::fprintf(f, "R\n%14.4f  %14.4f  %14.4f\n", User_X(ds, r.x1[k]), User_Y(ds, r.y1[k]),
-                 r.z1[k] * ds.spxx);
-    std::fprintf(f, "%14.4f  %14.4f  %14.4f\n", User_X(ds, r.x2[k]), User_Y(ds, r.y2[k]),
-                 r.z2[k] * ds.spxx);
-    if (ds.Data_ip.typeip > 0)
-      std::fprintf(f, "%.3f\n%.1f\n%.1f\n", r.res[k], r.ip[k] * 1000.0, r.weight[k]);
-    else
-      std::fprintf(f, "%.3f\n%.1f\n", r.res[k], r.weight[k]);
-  }
-}
-
 void Write_Water_Layer_Copy(Data_Set &ds, FILE *f) {
   const Water_Layer &w = ds.water;
   if (w.kind <= 0)
@@ -290,7 +273,7 @@ void Write_Header(Data_Set &ds, FILE *f, double misfit) {
   ds.topo.num_points = list_points;
   ds.global_coords.present = global;
   Write_Grid_Topography(ds, f);
-  Write_Fixed_Regions_Copy(ds, f);
+  Write_Fixed_Regions_Form(ds, f, true);
   Write_Water_Layer_Copy(ds, f);
   Write_Sharp_Boundaries_Copy(ds, f);
   Write_Global_Coordinates_Section(ds, f);

@@ -23,21 +23,7 @@ void Write_Topography(Data_Set &ds, FILE *f) {
 }
 
 void Write_Fixed_Regions(Data_Set &ds, FILE *f) {
-  const Fix_Regions &r = ds.Fix_regions;
-  if (r.nfix <= 0)
-    return;
-  std::fprintf(f, "FIXED REGIONS\n%d\n", r.nfix);
-  for (int k = 0; k < r.nfix; k++) {
-    std::fprintf(f, "Region %d corners (x,y,z)\n", k + 1);
-    std::fprintf(f, "%12.3f  %12.3f  %12.3f\n", User_X(ds, r.x1[k]), User_Y(ds, r.y1[k]),
-                 r.z1[k] * ds.spxx);
-    std::fprintf(f, "%12.3f  %12.3f  %12.3f\n", User_X(ds, r.x2[k]), User_Y(ds, r.y2[k]),
-                 r.z2[k] * ds.spxx);
-    if (ds.Data_ip.typeip > 0)
-      std::fprintf(f, "%.3f\n%.1f\n%.1f\n", r.res[k], r.ip[k] * 1000.0, r.weight[k]);
-    else
-      std::fprintf(f, "%.3f\n%.1f\n", r.res[k], r.weight[k]);
-  }
+  Write_Fixed_Regions_Form(ds, f, false);
 }
 
 void Write_Water_Layer(Data_Set &ds, FILE *f) {
@@ -112,6 +98,28 @@ void Write_Global_Coordinates(Data_Set &ds, FILE *f) {
 }
 
 } // namespace
+
+void Write_Fixed_Regions_Form(Data_Set &ds, FILE *f, bool results_form) {
+  const Fix_Regions &r = ds.Fix_regions;
+  if (r.nfix <= 0)
+    return;
+  // The data file names each region; the results file's second copy marks
+  // it with "R" and gives the corners with more decimals.
+  const char *corner = results_form ? "%14.4f  %14.4f  %14.4f\n" : "%12.3f  %12.3f  %12.3f\n";
+  std::fprintf(f, "FIXED REGIONS\n%d\n", r.nfix);
+  for (int k = 0; k < r.nfix; k++) {
+    if (results_form)
+      std::fprintf(f, "R\n");
+    else
+      std::fprintf(f, "Region %d corners (x,y,z)\n", k + 1);
+    std::fprintf(f, corner, User_X(ds, r.x1[k]), User_Y(ds, r.y1[k]), r.z1[k] * ds.spxx);
+    std::fprintf(f, corner, User_X(ds, r.x2[k]), User_Y(ds, r.y2[k]), r.z2[k] * ds.spxx);
+    if (ds.Data_ip.typeip > 0)
+      std::fprintf(f, "%.3f\n%.1f\n%.1f\n", r.res[k], r.ip[k] * 1000.0, r.weight[k]);
+    else
+      std::fprintf(f, "%.3f\n%.1f\n", r.res[k], r.weight[k]);
+  }
+}
 
 void Write_Tank_Section(Data_Set &ds, FILE *f) {
   const Tank &t = ds.tank;

@@ -98,6 +98,9 @@ int Read_Sharp_Boundary(Data_Set &ds, int mode);
 int Read_Global_Coordinates(Data_Set &ds);
 void Write_Tank_Section(Data_Set &ds, FILE *f);
 void Write_Optional_Sections(Data_Set &ds, FILE *f);
+// The fixed regions section: the data file's form, or the results file's
+// second copy ("R" per region, corners with four decimals).
+void Write_Fixed_Regions_Form(Data_Set &ds, FILE *f, bool results_form);
 // Tables of the optional sections; freed with the survey tables.
 int Allocate_Section_Arrays(Data_Set &ds);
 void Free_Section_Arrays(Data_Set &ds);
