@@ -198,3 +198,46 @@ TEST(FemJacobian, OffsetsCountElementNodes) {
   // A cell without elements has equal neighbours.
   EXPECT_EQ(ksort, (std::vector<int>{0, 16, 16, 40, 60}));
 }
+
+TEST(FemJacobian, HomogeneousModelAgreesWithTheHalfSpaceForm) {
+  Example_Survey s;
+  ASSERT_EQ(s.Read_Example("grid_dipole_dipole.dat"), 0);
+  Data_Set &ds = *s.ds;
+  const Model_Grid &g = ds.Model_grid;
+  const int n = g.nmodel_blocks;
+  ds.LS.Size(n, ds.mdata);
+  const std::vector<float> res(n, 100.0f);
+  ASSERT_EQ(Forward_Model_Real(ds, res.data(), 1), 0);
+  ASSERT_EQ(Finite_Element_Jacobian_Real_data_ss(ds), 0);
+  const Jacobian_Rows jac = Read_Jacobian(ds, false);
+  // Cells inside the electrodes' area below the first layer, every datum.
+  // The analytic form takes each cell's kernel at its centre times its
+  // volume; for cells as large as their distance to the electrodes that
+  // midpoint rule is rough, so the agreement is a strong correlation, not
+  // equality.
+  double ex[2] = {1e30, -1e30}, ey[2] = {1e30, -1e30};
+  for (int e = 0; e < ds.num_point_elecs; e++) {
+    ex[0] = std::min(ex[0], ds.pe[e].x), ex[1] = std::max(ex[1], ds.pe[e].x);
+    ey[0] = std::min(ey[0], ds.pe[e].y), ey[1] = std::max(ey[1], ds.pe[e].y);
+  }
+  double sa = 0, sb = 0, saa = 0, sbb = 0, sab = 0;
+  int64_t count = 0;
+  std::vector<float> row(n);
+  for (int i = 0; i < ds.mdata; i++) {
+    std::fill(row.begin(), row.end(), 0.0f);
+    Jacobian_Homogeneous_Seq(ds, i, row.data());
+    for (int b = 0; b < n; b++) {
+      const Model_Block &c = g.blocks[b];
+      if (c.xc < ex[0] || c.xc > ex[1] || c.yc < ey[0] || c.yc > ey[1] || b < g.nblockx * g.nblocky)
+        continue;
+      const double a = jac.re[static_cast<int64_t>(i) * n + b], h = row[b];
+      sa += a, sb += h, saa += a * a, sbb += h * h, sab += a * h;
+      count++;
+    }
+  }
+  ASSERT_GT(count, 1000);
+  const double cov = sab / count - sa / count * sb / count;
+  const double r = cov / std::sqrt((saa / count - sa * sa / count / count) *
+                                   (sbb / count - sb * sb / count / count));
+  EXPECT_GT(r, 0.85);
+}
