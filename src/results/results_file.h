@@ -8,6 +8,7 @@
 #include <cstdio>
 
 class Data_Set;
+struct Data_Point;
 
 // Iteration 0 writes the header, an iteration above 0 a model section.
 // `misfit` is the fraction (0.05 is 5 percent).
@@ -22,3 +23,6 @@ void Write_Results_Value(FILE *f, double v);
 // inverted (appres_inv): 0 log(o / c), 3 log(o^2 / c^2), both falling back to
 // 2 (o - c) / (|o| + |c|) when c (or o) is at most 0; others (o - c) w.
 double Calculate_Datum_Error(int appres_inv, double o, double c, double w);
+// Positions of a datum's electrodes in line order (C1, C2, P1, P2, and the
+// vector array's P3); returns their count.
+int Datum_Electrodes(const Data_Point &d, bool vector, const double *e[5]);

@@ -164,14 +164,8 @@ void Write_Error_Distribution(Data_Set &ds, FILE *f) {
   std::fprintf(f, "Error distribution\nNo. Elec.%s%s", head[0], head[1]);
   for (int i = 0; i < m; i++) {
     const Data_Point &d = ds.dp[i];
-    const double *e[4];
-    int n = 0;
-    e[n++] = d.c1;
-    if (d.nelec == 4)
-      e[n++] = d.c2;
-    e[n++] = d.p1;
-    if (d.nelec > 2)
-      e[n++] = d.p2;
+    const double *e[5];
+    const int n = Datum_Electrodes(d, false, e);
     std::fprintf(f, " %1d ", d.nelec);
     for (int k = 0; k < n; k++)
       std::fprintf(f, " %13.4f %13.4f", User_X(ds, e[k][0]), User_Y(ds, e[k][1]));

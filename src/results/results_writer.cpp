@@ -70,15 +70,7 @@ void Write_Time_Lapse_Section(Data_Set &ds, FILE *f) {
 void Write_Electrodes(Data_Set &ds, FILE *f, const Data_Point &d) {
   const bool vector = ds.array2 == 16;
   const double *e[5];
-  int n = 0;
-  e[n++] = d.c1;
-  if (d.nelec == 4)
-    e[n++] = d.c2;
-  e[n++] = d.p1;
-  if (d.nelec > 2)
-    e[n++] = d.p2;
-  if (vector)
-    e[n++] = d.p3;
+  const int n = Datum_Electrodes(d, vector, e);
   if (!ds.subsurface_present) {
     if (ds.array == 11)
       std::fprintf(f, "%d ", d.nelec);
@@ -420,4 +412,17 @@ int Save_Model(Data_Set &ds) {
   if (ls.nitcount >= 0 && ls.nitcount < static_cast<int>(ls.hist_rms.size()))
     ls.hist_rms[ls.nitcount] = ls.rmslog_res * 100.0; // percent, as the run keeps it
   return printmodelh(ds, ls.results_path.c_str(), ls.nitcount, ls.rmslog_res);
+}
+
+int Datum_Electrodes(const Data_Point &d, bool vector, const double *e[5]) {
+  int n = 0;
+  e[n++] = d.c1;
+  if (d.nelec == 4)
+    e[n++] = d.c2;
+  e[n++] = d.p1;
+  if (d.nelec > 2)
+    e[n++] = d.p2;
+  if (vector)
+    e[n++] = d.p3;
+  return n;
 }
