@@ -318,11 +318,21 @@ int Set_Save_Inversion_Results(Data_Set &ds, const char *path) {
   Progress_Text(ds, 0.0, "Invert data file %s", ds.file_names.data_file.c_str());
   if (ds.Model_grid.nmodel_blocks < 1 || ds.Model_grid.nlayers < 1)
     return Refuse_Always(ds, "Message", "You must first read in a data file");
-  if (Calculate_Disk_Space_Inversion_Files(ds, Run_Disk_Inputs(ds)))
-    return 1;
-  if (!ds.batch_mode)
-    Set_IGN(ds, Available_Memory_Bytes());
-  const int ierr = Invert_Data_Set(ds);
-  progress(ds, "Quit inversion data set", 1.0);
+  // The IP values of the data take no part in this run: the run and its
+  // results file are those of the resistivity data alone, and the IP values
+  // stay with the data set for later.
+  const int typeip = ds.Data_ip.typeip;
+  if (typeip > 0) {
+    panel_text(ds, "IP values are not inverted in this version: resistivity inversion only.");
+    ds.Data_ip.typeip = 0;
+  }
+  int ierr = Calculate_Disk_Space_Inversion_Files(ds, Run_Disk_Inputs(ds));
+  if (!ierr) {
+    if (!ds.batch_mode)
+      Set_IGN(ds, Available_Memory_Bytes());
+    ierr = Invert_Data_Set(ds);
+    progress(ds, "Quit inversion data set", 1.0);
+  }
+  ds.Data_ip.typeip = typeip;
   return ierr;
 }

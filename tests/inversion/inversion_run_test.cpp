@@ -77,6 +77,23 @@ TEST(InversionRun, NoIterationsWritesHeaderAndSummaryOnly) {
   EXPECT_EQ(Count_Of(inv, "Coordinates of blocks"), 1);
 }
 
+TEST(InversionRun, IpDataGiveAResistivityOnlyResultsFile) {
+  Example_Survey s;
+  ASSERT_EQ(s.Read_Example("ip_chargeability.dat"), 0);
+  const int typeip = s.ds->Data_ip.typeip;
+  ASSERT_GT(typeip, 0);
+  s.ds->LS_method.nit = 1;
+  ASSERT_EQ(Invert(s, "ip.inv"), 0);
+  const std::string inv = Read_Text_File(s.tmp.sub("ip.inv"));
+  // Models and calculated values of resistivity only, and a header that
+  // says no IP, so that the file reads back as what it holds.
+  EXPECT_EQ(Count_Of(inv, "MODEL iteration"), 1);
+  EXPECT_EQ(Count_Of(inv, "IP present"), 0);
+  EXPECT_EQ(Count_Of(inv, "IP MODEL"), 0);
+  EXPECT_EQ(Count_Of(inv, "CALCULATED APPARENT IP"), 0);
+  EXPECT_EQ(s.ds->Data_ip.typeip, typeip) << "the data set keeps its IP values";
+}
+
 TEST(InversionRun, UserStopKeepsFinishedIterationsAndTheSummary) {
   // The pump reports a quit request once the second iteration's status line
   // is shown: the run ends at the next iteration head.
