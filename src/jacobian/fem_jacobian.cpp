@@ -195,11 +195,15 @@ public:
     buf_.resize(n_);
     return 0;
   }
-  // out (n values; pairs for a complex field) = sum of sign x field(source).
-  int Combine(const Side &s, float *out) {
+  // out[i x stride + p] (node i; p the real and imaginary part of a complex
+  // field) = sum of sign x field(source).
+  int Combine(const Side &s, float *out, int stride) {
     const int64_t n = n_;
     const int vw = cmplx_ ? 2 : 1;
-    std::fill(out, out + n * vw, 0.0f);
+#pragma omp parallel for schedule(static)
+    for (int64_t i = 0; i < n; i++)
+      for (int p = 0; p < vw; p++)
+        out[i * stride + p] = 0.0f;
     for (int k = 0; k < s.n; k++) {
       const int src = s.src[k];
       if (src < 1 || src > ds_.Fem.nelec)
@@ -218,7 +222,7 @@ public:
         }
 #pragma omp parallel for schedule(static)
         for (int64_t i = 0; i < n; i++)
-          out[i * vw + p] += sign * f[i];
+          out[i * stride + p] += sign * f[i];
       }
     }
     return 0;
@@ -234,15 +238,20 @@ private:
   std::vector<float> buf_;
 };
 
-// vtemp of a group: K_e q for each datum's potential field q at every entry,
-// interleaved by datum (and by real and imaginary part).
-void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, int g, bool cmplx,
-                float *vtemp) {
+// Data go through the kernels in batches of `lanes` values a node: 16 real
+// data, or 8 complex data with their real and imaginary parts side by side.
+// Lane w of qdiff holds datum w's potential field and lane w of pdiff its
+// current field, interleaved by node (field[node x lanes + w]); vtemp holds
+// K_e q the same way by element-node entry. K_e is real, so every lane takes
+// the same products, and the cost of fetching an element is shared by the
+// whole batch.
+constexpr int lanes = 16;
+
+// vtemp of a batch: K_e q at every entry of every cell.
+void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, float *vtemp) {
   const SemiStructured &ss = ds.Semistructured;
   const Fem_State &fem = ds.Fem;
   const int nmodel = static_cast<int>(c.ksort.size()) - 1;
-  const int64_t n = fem.coomatrix64.n;
-  const int vw = cmplx ? 2 : 1;
 #pragma omp parallel for schedule(dynamic, 64)
   for (int b = 0; b < nmodel; b++) {
     int k = c.ksort[b];
@@ -252,58 +261,59 @@ void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, in
       const float *kv = fem.cp18.data() + fem.cp_offset[e];
       const int nv = el.tet ? tet_values : hex_values;
       const int(*pairs)[2] = el.tet ? tet_pairs : hex_pairs;
-      // The potential fields at the element's nodes, gathered once.
-      float ql[8][4][2], acc[8][4][2] = {};
-      for (int a = 0; a < el.nnodes; a++)
-        for (int d = 0; d < g; d++)
-          for (int p = 0; p < vw; p++)
-            ql[a][d][p] = qdiff[(d * n + el.node[a] - 1) * vw + p];
+      const int nn = el.nnodes;
+      // The fields at the element's nodes, gathered once.
+      float ql[8][lanes];
+      for (int a = 0; a < nn; a++) {
+        const float *src = qdiff + static_cast<int64_t>(el.node[a] - 1) * lanes;
+        for (int w = 0; w < lanes; w++)
+          ql[a][w] = src[w];
+      }
+      float acc[8][lanes] = {};
       for (int v = 0; v < nv; v++) {
         const int r = pairs[v][0], t = pairs[v][1];
         const float kk = kv[v];
-        for (int d = 0; d < g; d++)
-          for (int p = 0; p < vw; p++) {
-            acc[r][d][p] += kk * ql[t][d][p];
-            if (r != t)
-              acc[t][d][p] += kk * ql[r][d][p];
-          }
+        for (int w = 0; w < lanes; w++)
+          acc[r][w] += kk * ql[t][w];
+        if (r != t)
+          for (int w = 0; w < lanes; w++)
+            acc[t][w] += kk * ql[r][w];
       }
-      for (int a = 0; a < el.nnodes; a++)
-        for (int d = 0; d < g; d++)
-          for (int p = 0; p < vw; p++)
-            vtemp[((static_cast<int64_t>(k) + a) * g + d) * vw + p] = acc[a][d][p];
-      k += el.nnodes;
+      float *out = vtemp + static_cast<int64_t>(k) * lanes;
+      for (int a = 0; a < nn; a++)
+        for (int w = 0; w < lanes; w++)
+          out[a * lanes + w] = acc[a][w];
+      k += nn;
     }
   }
 }
 
-// Rows of a group into grtemp: the kernel over every cell.
-void Jacobian_Block_Kernel(const Cell_Layout &c, const float *pdiff, const float *vtemp, int g,
+// Rows of a batch of `nd` data into rows_r (rows_i): the kernel over every
+// cell, p^T K_e q summed over the cell's elements, times the cell's
+// conductivity and each datum's 1 / V.
+void Jacobian_Block_Kernel(const Cell_Layout &c, const float *pdiff, const float *vtemp, int nd,
                            bool cmplx, const std::complex<float> *scale, float *rows_r,
                            float *rows_i, int64_t nmodel) {
-  const int vw = cmplx ? 2 : 1;
 #pragma omp parallel for schedule(dynamic, 256)
   for (int64_t b = 0; b < nmodel; b++) {
-    float sr[4] = {}, si[4] = {};
+    // Lane products v[w] p[w] and, for complex pairs, v[w] p[w ^ 1].
+    float same[lanes] = {}, cross[lanes] = {};
     for (int k = c.ksort[b]; k < c.ksort[b + 1]; k++) {
-      const int64_t node = c.knode[k];
-      const float *v = vtemp + static_cast<int64_t>(k) * g * vw;
-      if (!cmplx) {
-        const float p = pdiff[node];
-        for (int d = 0; d < g; d++)
-          sr[d] += v[d] * p;
-      } else {
-        const float pr = pdiff[2 * node], pi = pdiff[2 * node + 1];
-        for (int d = 0; d < g; d++) {
-          sr[d] += v[2 * d] * pr - v[2 * d + 1] * pi;
-          si[d] += v[2 * d] * pi + v[2 * d + 1] * pr;
-        }
-      }
+      const float *v = vtemp + static_cast<int64_t>(k) * lanes;
+      const float *p = pdiff + static_cast<int64_t>(c.knode[k]) * lanes;
+      for (int w = 0; w < lanes; w++)
+        same[w] += v[w] * p[w];
+      if (cmplx)
+        for (int w = 0; w < lanes; w++)
+          cross[w] += v[w] * p[w ^ 1];
     }
-    // Times the cell's conductivity (1 / resistivity) and the datum's 1 / V.
     const std::complex<float> sigma(c.cond_r[b], cmplx ? c.cond_i[b] : 0.0f);
-    for (int d = 0; d < g; d++) {
-      const std::complex<float> e = std::complex<float>(sr[d], si[d]) * sigma * scale[d];
+    for (int d = 0; d < nd; d++) {
+      // (vr + i vi)(pr + i pi) for a complex datum in lanes 2d and 2d + 1.
+      const std::complex<float> sum = cmplx ? std::complex<float>(same[2 * d] - same[2 * d + 1],
+                                                                  cross[2 * d] + cross[2 * d + 1])
+                                            : std::complex<float>(same[d], 0.0f);
+      const std::complex<float> e = sum * sigma * scale[d];
       rows_r[d * nmodel + b] = e.real();
       if (rows_i)
         rows_i[d * nmodel + b] = e.imag();
@@ -379,16 +389,16 @@ int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds) {
   Field_Store fields(ds, cmplx);
   if (fields.Open())
     return 1;
-  const int vw = cmplx ? 2 : 1;
+  const int vw = cmplx ? 2 : 1, batch = lanes / vw;
   const int ngr = Jacobian_Block_Rows(ds.ssd_cache, nmodel, m, false);
   std::vector<float> grtemp, grtemp_i, pdiff, qdiff, vtemp;
   try {
-    grtemp.assign(static_cast<size_t>(ngr + 4) * nmodel, 0.0f);
+    grtemp.assign(static_cast<size_t>(ngr + batch) * nmodel, 0.0f);
     if (cmplx)
       grtemp_i.assign(grtemp.size(), 0.0f);
-    pdiff.assign(static_cast<size_t>(n) * vw, 0.0f);
-    qdiff.assign(static_cast<size_t>(n) * vw * 4, 0.0f);
-    vtemp.assign(static_cast<size_t>(c.ksort[nmodel]) * 4 * vw, 0.0f);
+    pdiff.assign(static_cast<size_t>(n) * lanes, 0.0f);
+    qdiff.assign(static_cast<size_t>(n) * lanes, 0.0f);
+    vtemp.assign(static_cast<size_t>(c.ksort[nmodel]) * lanes, 0.0f);
   } catch (...) {
     return Show_Text(ds, cmplx ? "Memory Error ipcmplx>0" : "Memory Error ipcmplx==0", MK_WARNING,
                      "Insufficient memory for grtemp\nin Finite_Element_Jacobian_Real_data_ss\nngr "
@@ -438,16 +448,29 @@ int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds) {
     t_write += Seconds_Since(tw);
     return 0;
   };
+  // Batches of data; a datum whose current field is that of the datum before
+  // it takes a copy of that lane instead of a new sum.
   for (int d = 0; d < m && !ierr;) {
-    const int g = std::min(Group_Size(hit[d]), m - d);
-    if (groups++ % 64 == 0)
+    const int nd = std::min(batch, m - d);
+    if (groups++ % 4 == 0)
       Progress_Text(ds, static_cast<double>(d) / m,
                     "Calculating FEM partial derivatives %.2f%% %d n %d", 100.0 * d / m, d + 1, m);
     const auto tf = Clock::now();
-    int e = fields.Combine(Current_Side(ds, d), pdiff.data());
-    std::complex<float> scale[4];
-    for (int k = 0; k < g && !e; k++) {
-      e = fields.Combine(Potential_Side(ds, d + k), qdiff.data() + k * n * vw);
+    std::complex<float> scale[lanes];
+    int e = 0;
+    for (int k = 0; k < nd && !e; k++) {
+      const int lane = k * vw;
+      if (k > 0 && Share_Current(ds, d + k - 1)) {
+        float *p = pdiff.data();
+#pragma omp parallel for schedule(static)
+        for (int64_t i = 0; i < n; i++)
+          for (int q = 0; q < vw; q++)
+            p[i * lanes + lane + q] = p[i * lanes + lane - vw + q];
+      } else {
+        e = fields.Combine(Current_Side(ds, d + k), pdiff.data() + lane, lanes);
+      }
+      if (!e)
+        e = fields.Combine(Potential_Side(ds, d + k), qdiff.data() + lane, lanes);
       const std::complex<double> v(fem.rm_volt[d + k], cmplx ? fem.rm_volt_i[d + k] : 0.0f);
       scale[k] = std::abs(v) > 0.0 ? std::complex<float>(1.0 / v) : std::complex<float>(0.0f);
     }
@@ -459,18 +482,18 @@ int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds) {
       ierr = e;
       break;
     }
-    Fill_Vtemp(ds, c, qdiff.data(), g, cmplx, vtemp.data());
+    Fill_Vtemp(ds, c, qdiff.data(), vtemp.data());
     t_fetch += Seconds_Since(tf);
     const auto tk = Clock::now();
     if (rows_held == 0)
       first_held = d;
     Jacobian_Block_Kernel(
-        c, pdiff.data(), vtemp.data(), g, cmplx, scale,
+        c, pdiff.data(), vtemp.data(), nd, cmplx, scale,
         grtemp.data() + static_cast<int64_t>(rows_held) * nmodel,
         cmplx ? grtemp_i.data() + static_cast<int64_t>(rows_held) * nmodel : nullptr, nmodel);
     t_kernel += Seconds_Since(tk);
-    rows_held += g;
-    d += g;
+    rows_held += nd;
+    d += nd;
     if ((rows_held >= ngr || d >= m) && flush())
       ierr = 1;
   }
