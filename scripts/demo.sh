@@ -3,8 +3,9 @@
 # the read of an example data file saved back in the program's own layout,
 # the finite-element mesh of the 9 by 14 electrode grid written for ParaView,
 # the mesh's check against a homogeneous half-space, synthetic data of a
-# buried conductor with 3 % noise, and the inversion of those data. The
-# results stay in BUILD/demo/.
+# buried conductor with 3 % noise, the inversion of those data, and the
+# results file read back and exported for ParaView. The results stay in
+# BUILD/demo/.
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -26,3 +27,6 @@ MODEL
 echo "Synthetic data: $out/synthetic.dat ($(wc -l <"$out/synthetic.dat") lines)."
 "$build/ohmvol3d" invert "$out/synthetic.dat" -o "$out/synthetic.inv" --buffer "$out"
 echo "Inversion results: $out/synthetic.inv"
+"$build/ohmvol3d" export "$out/synthetic.inv" --format vtk --buffer "$out"
+echo "Results file read back: $out/synthetic.inv"
+echo "ParaView model of the last iteration: $(ls "$out"/synthetic_Iter*_Res_Model.vtk | tail -1)"

@@ -132,6 +132,33 @@ int Run_Invert(Data_Set &ds, const Cli_Options &opt) {
   return r ? 1 : 0;
 }
 
+// export RESULTS.inv --format xyz|xyzc|logxyzc|vtk|misfit [--iteration N] [--ip]
+int Run_Export(Data_Set &ds, const Cli_Options &opt) {
+  const std::string *format = Named_Option(opt, "--format");
+  const std::string *iter = Named_Option(opt, "--iteration");
+  if (opt.args.size() != 1 || !format)
+    return Usage_Error("export needs a results file name and --format xyz|xyzc|logxyzc|vtk|misfit");
+  const std::string &f = *format;
+  const int id = f == "xyz"                      ? CMD_EXPORT_XYZ
+                 : f == "xyzc" || f == "logxyzc" ? CMD_EXPORT_XYZC
+                 : f == "vtk"                    ? CMD_EXPORT_VTK
+                 : f == "misfit"                 ? CMD_EXPORT_MISFIT
+                                                 : 0;
+  if (!id)
+    return Usage_Error("--format needs xyz, xyzc, logxyzc, vtk or misfit, not '" + f + "'");
+  char *end = nullptr;
+  const long it = iter ? std::strtol(iter->c_str(), &end, 10) : 0;
+  if (iter && (end == iter->c_str() || *end || it < 1))
+    return Usage_Error("--iteration needs an iteration number from 1, not '" + *iter + "'");
+  if (ds.Run_Command(CMD_READ_RESULTS, opt.args[0].c_str()))
+    return 1;
+  Inv_Results &r = ds.Inv_results;
+  r.export_iteration = static_cast<int>(it);
+  r.export_ip = Named_Option(opt, "--ip") ? 1 : 0;
+  r.export_log = f == "logxyzc" ? 1 : 0;
+  return ds.Run_Command(id) ? 1 : 0;
+}
+
 // Subcommands whose work is not built yet go through their command ids, so
 // they refuse with the core's own words: the data file is read first, then
 // the command that needs it.
@@ -139,8 +166,11 @@ int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
   const std::string &s = opt.subcommand;
   if (opt.args.empty())
     return Usage_Error(s + " needs a file name");
-  if (s == "export" || s == "plot")
-    return ds.Run_Command(CMD_READ_RESULTS, opt.args[0].c_str()) ? 1 : 0;
+  if (s == "plot") {
+    if (ds.Run_Command(CMD_READ_RESULTS, opt.args[0].c_str()))
+      return 1;
+    return ds.Run_Command(CMD_SAVE_IMAGE) ? 1 : 0;
+  }
   if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
     return 1;
   return ds.Run_Command(CMD_MESH_SETTINGS) ? 1 : 0;
@@ -213,6 +243,8 @@ int main(int argc, char **argv) {
     result = Run_Check_Mesh(ds, opt);
   else if (sub == "invert")
     result = Run_Invert(ds, opt);
+  else if (sub == "export")
+    result = Run_Export(ds, opt);
   else
     result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);

@@ -9,6 +9,7 @@
 #include "core/settings_table.h"
 #include "core/trace.h"
 #include "inversion/inversion.h"
+#include "results/results_file.h"
 #include "survey/survey.h"
 
 namespace {
@@ -143,7 +144,7 @@ const Command_Entry command_table[] = {
     {CMD_RESOLUTION, G_NONE, nullptr},
     {CMD_JACOBIAN_OPTIONS, G_NONE, nullptr},
     {CMD_IP_OPTIONS, G_NONE, nullptr},
-    {CMD_READ_RESULTS, G_NONE, nullptr},
+    {CMD_READ_RESULTS, G_NONE, Run_Read_Results},
     {CMD_DISPLAY_MODEL, G_INV_READ, nullptr},
     {CMD_DIAGONAL_FILTERS, G_NONE, nullptr},
     {CMD_REFERENCE_MODEL, G_NONE, nullptr},
@@ -152,9 +153,9 @@ const Command_Entry command_table[] = {
     {CMD_DISPLAY_MESH_TYPE, G_NONE, nullptr},
     {CMD_SHIFT_POINT_ELECS, G_NONE, nullptr},
     {CMD_SAVE_IMAGE, G_NONE, nullptr},
-    {CMD_EXPORT_XYZ, G_INV_READ, nullptr},
-    {CMD_EXPORT_XYZC, G_INV_READ, nullptr},
-    {CMD_EXPORT_VTK, G_INV_READ, nullptr},
+    {CMD_EXPORT_XYZ, G_INV_READ, Run_Export_Model_List},
+    {CMD_EXPORT_XYZC, G_INV_READ, Run_Export_XYZC},
+    {CMD_EXPORT_VTK, G_INV_READ, Run_Export_VTK},
     {CMD_ELECTRODE_MISFIT, G_INV_READ, nullptr},
     {CMD_SEGMENT_OPTIONS, G_NONE, nullptr},
     {CMD_BUFFER_FOLDER, G_NONE, Run_Buffer_Folder},
@@ -165,7 +166,7 @@ const Command_Entry command_table[] = {
     {CMD_LCURVE_REJECT, G_INV_READ, nullptr},
     {CMD_FEM_SOLVER, G_NONE, nullptr},
     {CMD_IP_SEQUENCE, G_NONE, nullptr},
-    {CMD_EXPORT_MISFIT, G_INV_READ, nullptr},
+    {CMD_EXPORT_MISFIT, G_INV_READ, Run_Export_Misfit},
     {CMD_INV_READ_NOOP, G_INV_READ, Run_Nothing},
     {CMD_VOI_FROM_FILES, G_NONE, nullptr},
     {CMD_VOI_RESISTIVITY, G_NONE, nullptr},

@@ -21,6 +21,7 @@
 #include "modes/data_ip.h"
 #include "modes/inv_splice.h"
 #include "modes/time_lapse.h"
+#include "results/inv_results.h"
 #include "survey/data_filter.h"
 #include "survey/survey_state.h"
 #include "survey/vector_para.h"
@@ -61,6 +62,7 @@ public:
 
   Inv_Splice Invsplice;
   L_Curve LCurve;
+  Inv_Results Inv_results; // what a results file read back holds
 
   // Application state.
   int data_read = 0;               // 1 after a successful read of a data file

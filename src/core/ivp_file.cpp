@@ -146,6 +146,32 @@ int Save_Inversion_Parameters(Data_Set &ds, const char *path) {
   return ierr;
 }
 
+int Read_Settings_Text(Data_Set &ds, const char *buf, int64_t size, int silent) {
+  Text_Image t;
+  t.buf = buf;
+  t.size = size;
+  const auto lines = Index_Lines(t.buf, t.size);
+  int found = 0;
+  for (int i = 0; i < nsettings_table; i++) {
+    const Setting_Entry &e = settings_table[i];
+    if (e.kind == SK_FIXED)
+      continue;
+    const auto it = lines.find(Trim_Right(e.caption));
+    if (it == lines.end())
+      continue; // older files lack newer settings
+    t.pos = it->second;
+    const double v = e.kind == SK_REAL ? read_real(t) : static_cast<double>(read_int64(t));
+    if (!t.found)
+      continue;
+    Store_Setting_Value(ds, e, v);
+    found++;
+    if (!silent)
+      panel_text(ds, Panel_Line(ds, e).c_str());
+  }
+  Check_Settings_After_Read(ds);
+  return found;
+}
+
 int readinvset(Data_Set &ds, int silent, const char *path) {
   TRACE("readinvset start %s silent %d\n", path, silent);
   FILE *f = std::fopen(path, "rb");
@@ -187,23 +213,7 @@ int readinvset(Data_Set &ds, int silent, const char *path) {
     return 1;
   }
 
-  const auto lines = Index_Lines(t.buf, t.size);
-  for (int i = 0; i < nsettings_table; i++) {
-    const Setting_Entry &e = settings_table[i];
-    if (e.kind == SK_FIXED)
-      continue;
-    const auto it = lines.find(Trim_Right(e.caption));
-    if (it == lines.end())
-      continue; // older files lack newer settings
-    t.pos = it->second;
-    const double v = e.kind == SK_REAL ? read_real(t) : static_cast<double>(read_int64(t));
-    if (!t.found)
-      continue;
-    Store_Setting_Value(ds, e, v);
-    if (!silent)
-      panel_text(ds, Panel_Line(ds, e).c_str());
-  }
-  Check_Settings_After_Read(ds);
+  Read_Settings_Text(ds, t.buf, t.size, silent);
   TRACE("readinvset exit\n");
   return 0;
 }

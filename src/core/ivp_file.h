@@ -2,6 +2,7 @@
 // one setting by its short name, all driven by the settings table.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "core/settings_table.h"
@@ -16,6 +17,11 @@ int Save_Inversion_Parameters(Data_Set &ds, const char *path);
 // file keep their values. silent = 1: no messages and no panel lines, as at
 // start-up. Returns 0 when the file was taken, 1 when nothing was changed.
 int readinvset(Data_Set &ds, int silent, const char *path);
+
+// The settings found in a text in the .ivp form (each caption as a whole
+// line, its value after it), then the consistency checks. Returns how many
+// were found.
+int Read_Settings_Text(Data_Set &ds, const char *buf, int64_t size, int silent);
 
 // The consistency checks that follow a read of settings.
 void Check_Settings_After_Read(Data_Set &ds);

@@ -96,6 +96,40 @@ void Copy_Counts_To_Grid(Data_Set &ds) {
 
 } // namespace
 
+int Parse_Results_Survey(Data_Set &ds) {
+  Reset_Survey(ds);
+  if (Read_Header(ds))
+    return 1;
+  if (ds.num_point_elecs_file == 0 || ds.num_point_elecs == 0)
+    return 2;
+  if (Read_Data_Points(ds))
+    return Step_Failed(ds, "Error in Read_Data_Points()");
+  // Every series takes the geometric factors of the first.
+  for (int k = 1; k < ds.ntime; k++)
+    for (int i = 0; i < ds.mdata; i++)
+      ds.dp[static_cast<int64_t>(k) * ds.mdata + i].gfac = ds.dp[i].gfac;
+  if (Scale_Positions(ds))
+    return Step_Failed(ds, "Error in Scale_Positions()");
+  if (Read_Optional_Sections(ds))
+    return 1;
+  // Electrodes of the data that are not in the list come out as grid
+  // positions (numbers past the list) or not at all.
+  if (Find_Electrode_Numbers_Points_Only(ds) != 0)
+    return 3;
+  for (int i = 0; i < ds.mdata; i++) {
+    const Data_Point &d = ds.dp[i];
+    for (int32_t e : {d.nc1, d.nc2, d.np1, d.np2, d.np3})
+      if (e >= ds.num_point_elecs)
+        return 3;
+  }
+  if (Calculate_Location_Electrodes_Model_Grid_Topography(ds))
+    return 1;
+  Check_Electrodes_Usage(ds);
+  Check_Pseudodepths(ds);
+  Copy_Counts_To_Grid(ds);
+  return 0;
+}
+
 int Parse_Data_File(Data_Set &ds) {
   TRACE("Parse_Data_File size %lld\n", static_cast<long long>(ds.img.size));
   Reset_Survey(ds);

@@ -481,7 +481,9 @@ int Read_Time_Lapse_Section(Data_Set &ds) {
   read_line(ds.img, line);
   read_line(ds.img, line);
   std::snprintf(ds.time_unit, sizeof ds.time_unit, "%.63s", line);
-  for (int k = 1; k < n; k++) {
+  // A data file gives the intervals of series 2 on; a results file (read
+  // while display_mode is 2) gives one for every series, the first's too.
+  for (int k = ds.display_mode == 2 ? 0 : 1; k < n; k++) {
     read_line(ds.img, line);
     ds.time_values[k] = read_real(ds.img);
   }

@@ -15,30 +15,6 @@
 
 namespace {
 
-// The whole file into a buffer of size + 1 bytes.
-int Load_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buffer) {
-  FILE *f = std::fopen(path, "rb");
-  struct stat st;
-  if (!f || fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
-    if (f)
-      std::fclose(f);
-    return Show_Text(ds, "File Error", MK_WARNING,
-                     "There is a problem in reading the following file\n%s", path);
-  }
-  const size_t size = static_cast<size_t>(st.st_size);
-  buffer.reset(new (std::nothrow) char[size + 1]);
-  const bool ok = buffer && std::fread(buffer.get(), 1, size, f) == size;
-  std::fclose(f);
-  if (!ok)
-    return Show_Text(ds, "File Error", MK_WARNING,
-                     "There is a problem in reading the following file\n%s", path);
-  buffer[size] = 0;
-  ds.img = Text_Image();
-  ds.img.buf = buffer.get();
-  ds.img.size = static_cast<int64_t>(size);
-  return 0;
-}
-
 void Electrodes_Per_Point(Data_Set &ds) {
   ds.narray_same = ds.mdata > 0 ? ds.dp[0].nelec : 0;
   ds.nelec_max = 0;
@@ -100,12 +76,36 @@ int Save_New_Data_File(Data_Set &ds) {
 
 } // namespace
 
+// The whole file into a buffer of size + 1 bytes.
+int Load_Text_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buffer) {
+  FILE *f = std::fopen(path, "rb");
+  struct stat st;
+  if (!f || fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (f)
+      std::fclose(f);
+    return Show_Text(ds, "File Error", MK_WARNING,
+                     "There is a problem in reading the following file\n%s", path);
+  }
+  const size_t size = static_cast<size_t>(st.st_size);
+  buffer.reset(new (std::nothrow) char[size + 1]);
+  const bool ok = buffer && std::fread(buffer.get(), 1, size, f) == size;
+  std::fclose(f);
+  if (!ok)
+    return Show_Text(ds, "File Error", MK_WARNING,
+                     "There is a problem in reading the following file\n%s", path);
+  buffer[size] = 0;
+  ds.img = Text_Image();
+  ds.img.buf = buffer.get();
+  ds.img.size = static_cast<int64_t>(size);
+  return 0;
+}
+
 int Call_Read_Data_File(Data_Set &ds, const char *path) {
   ds.current_command = 201;
   if (!path || !path[0])
     return 1; // the chooser was cancelled: nothing changes
   std::unique_ptr<char[]> buffer;
-  if (Load_File(ds, path, buffer))
+  if (Load_Text_File(ds, path, buffer))
     return 1;
   ds.file_names.data_file = path;
   Settings_Snapshot before;

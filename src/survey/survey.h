@@ -3,6 +3,8 @@
 // after showing its message (check messages stay silent while `quiet` is set).
 #pragma once
 
+#include <memory>
+
 #include <cstdint>
 #include <cstdio>
 
@@ -12,6 +14,14 @@ class Data_Set;
 // Parses the image in ds.img into the survey. 0 on success; on failure the
 // caller sets mdata to 0.
 int Parse_Data_File(Data_Set &ds);
+// The survey half of a results file: header, data lines, optional sections
+// and electrode numbers, without the clean-up of a data file's read. Returns
+// 0, 1 on a failed step, 2 without a point electrode list, 3 when the data
+// use electrodes that are not in the list.
+int Parse_Results_Survey(Data_Set &ds);
+// The whole file at `path` into `buffer` (size + 1 bytes, the last 0) and the
+// memory image ds.img over it.
+int Load_Text_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buffer);
 // Header sections, in file order.
 int Read_Grid_Section(Data_Set &ds);
 int Read_Array_Section(Data_Set &ds);

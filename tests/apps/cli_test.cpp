@@ -110,10 +110,21 @@ TEST_F(Cli, ReadReportsAndSavesTheData) {
   EXPECT_EQ(Run("read").status, 2);
 }
 
-TEST_F(Cli, UnbuiltCommandsRefuseWithStatusOne) {
+TEST_F(Cli, ResultsFilesExportAndUnbuiltCommandsRefuse) {
   std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
                              dir + "/x.dat");
-  const Run_Result r = Run("export x.dat --format xyz");
+  // A data file is no results file.
+  const Run_Result notinv = Run("export x.dat --format xyz");
+  EXPECT_EQ(notinv.status, 1);
+  EXPECT_NE(notinv.err.find("inversion results"), std::string::npos) << notinv.err;
+  ASSERT_EQ(Run("invert x.dat -o x.inv --set nit=1 --quiet").status, 0);
+  const Run_Result vtk = Run("export x.inv --format vtk");
+  EXPECT_EQ(vtk.status, 0) << vtk.err;
+  EXPECT_TRUE(std::filesystem::exists(dir + "/x_Iter1_Res_Model.vtk")) << vtk.out;
+  EXPECT_EQ(Run("export x.inv --format vtk --iteration 2").status, 1);
+  EXPECT_EQ(Run("export x.inv --format pdf").status, 2);
+  EXPECT_EQ(Run("export x.inv --format xyz --iteration 0").status, 2);
+  const Run_Result r = Run("plot x.inv -o x.png");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("Message: This command is not available yet."), std::string::npos);
   // A file that is no data file stops at the read.
