@@ -425,6 +425,7 @@ int Call_Read_Inversion_File(Data_Set &ds, const char *path) {
     return 1;
   const int mode = ds.display_mode;
   ds.display_mode = 2;
+  ds.file_names.data_file = path;
   const int ok = Read_Inverse_Model_File(ds);
   ds.display_mode = mode;
   ds.img = Text_Image();
@@ -439,7 +440,6 @@ int Call_Read_Inversion_File(Data_Set &ds, const char *path) {
     ds.data_read = ds.inv_read = 0;
     return 1;
   }
-  ds.file_names.data_file = path;
   ds.file_names.results_file = path;
   ds.inv_read = 1;
   ds.data_read = 0; // the survey of a results file is for looking, not for a new run

@@ -186,16 +186,13 @@ void Read_Sensitivity_Values(Data_Set &ds) {
       break;
   }
   r.sens_present = n > 0 && r.sens[0] > 0.0f ? 1 : 0;
-  read_line(t, line); // rest of the last row
-  read_line(t, line);
-  if (std::strstr(line, "Average Sensitivity") && std::strlen(line) - 19 < 20)
+  read_line(t, line); // "Average Sensitivity %11.3e"
+  if (std::strncmp(line, "Average Sensitivity", 19) == 0 && std::strlen(line + 19) < 20)
     r.sens_average = Number_On_Line(line + 19);
-  read_line(t, line);
+  read_line(t, line); // "Minimum cell volume"
   r.vol_min = read_real(t);
-  read_line(t, line);
-  read_line(t, line);
+  read_line(t, line); // "Maximum cell volume"
   r.vol_max = read_real(t);
-  read_line(t, line);
   read_line(t, line);
   r.sens_normalised = std::strstr(line, "not") ? 0 : 1;
   if (!r.sens_present) {

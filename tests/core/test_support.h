@@ -161,6 +161,15 @@ inline void Write_File(const std::string &path, const std::string &text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+// The lines of a text, without their line ends.
+inline std::vector<std::string> Lines(const std::string &text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
 inline bool Exists(const std::string &path) {
   return std::filesystem::exists(path);
 }

@@ -26,14 +26,6 @@ using namespace test_support;
 
 namespace {
 
-std::vector<std::string> Lines(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
-
 std::vector<double> Numbers(const std::string &line) {
   std::string s = line;
   std::replace(s.begin(), s.end(), ',', ' ');

@@ -12,24 +12,15 @@
 #include <vector>
 
 #include "core/commands.h"
+#include "core/test_support.h"
 #include "forward/forward_test_support.h"
 #include "inversion/inversion.h"
 #include "results/exports.h"
 #include "results/results_file.h"
 
+using namespace test_support;
+
 namespace {
-
-std::string Slurp(const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-void Spit(const std::string &path, const std::string &text) {
-  std::ofstream f(path, std::ios::binary);
-  f << text;
-}
 
 // What a run left in memory, to compare with what its file reads back as.
 struct Run_Record {
@@ -58,7 +49,7 @@ const Run_Record &Small_Run() {
     rec.rms.push_back(ls.hist_rms[k]);
     rec.damping.push_back(ls.hist_fmarq[k]);
   }
-  rec.text = Slurp(path);
+  rec.text = Read_File(path);
   return rec;
 }
 
@@ -68,7 +59,7 @@ struct Reader {
   std::string path;
   int Read(const std::string &text, const std::string &name = "back.inv") {
     path = s.tmp.sub(name);
-    Spit(path, text);
+    Write_File(path, text);
     return s.ds->Run_Command(CMD_READ_RESULTS, path.c_str());
   }
   Inv_Results &r() { return s.ds->Inv_results; }
@@ -124,7 +115,7 @@ TEST(ResultsReader, ARunsFileGivesItsModelsDataMisfitsAndDampingBack) {
   std::vector<std::string> files;
   ASSERT_EQ(Save_Blocks_Values_XYZ(ds, rd.path, 3, 0, 0, files), 0);
   ASSERT_FALSE(files.empty());
-  std::istringstream xyzc(Slurp(files[0]));
+  std::istringstream xyzc(Read_File(files[0]));
   std::string head;
   std::getline(xyzc, head);
   double x, y, z, v;
@@ -224,7 +215,7 @@ TEST(ResultsReader, FilesOfOtherKindsAreRefusedAndKeepNothing) {
   {
     // A data file is a results file without model geometry.
     Reader rd;
-    EXPECT_EQ(rd.Read(Slurp(std::string(OHMVOL3D_EXAMPLES) + "/grid_dipole_dipole.dat")), 1);
+    EXPECT_EQ(rd.Read(Read_File(std::string(OHMVOL3D_EXAMPLES) + "/grid_dipole_dipole.dat")), 1);
     EXPECT_EQ(rd.r().nitcount_inv, 0);
     EXPECT_EQ(rd.s.ds->inv_read, 0);
   }
@@ -253,4 +244,151 @@ TEST(ResultsReader, BinaryFilesGiveAnyIterationAndKeepTheLiveOneOtherwise) {
   // The next read overwrites the files.
   ASSERT_EQ(rd.Read(Cut_Before(run.text, "MODEL iteration 2"), "cut.inv"), 0);
   EXPECT_EQ(std::filesystem::file_size(r.model_bin), sizeof(float) * 1 * n);
+}
+
+TEST(ResultsReader, TailSectionsAreTakenWhenPresent) {
+  const Run_Record &run = Small_Run();
+  const int n = static_cast<int>(run.model.size());
+  std::string tail = "Blocks sensitivity values\n          Resistivity\nBlock No.  Sensitivity  "
+                     "Sensitivity/vol\n";
+  char row[128];
+  for (int b = 0; b < n; b++) {
+    std::snprintf(row, sizeof row, "%6d   %11.3e   %11.3e\n", b + 1, 0.5 + 0.01 * b, 0.25 + b);
+    tail += row;
+  }
+  tail += "Average Sensitivity   1.250e-01\nMinimum cell volume\n      0.500\nMaximum cell "
+          "volume\n     12.000\nSensitivity values not normalised\n";
+  tail += "REFERENCE MODEL USED\nCONSTANT REFERENCE MODEL METHOD\nReference resistivity "
+          "is\n55.000\n";
+  tail += "Resolution values\nBlock No.  Resolution  Resolution/vol\n";
+  for (int b = 0; b < n; b++) {
+    std::snprintf(row, sizeof row, "  %4d   %12.4e   %12.4e\n", b + 1, 0.001 * b, 0.002 * b);
+    tail += row;
+  }
+  tail += "Average Resolution   3.0000e-01\nMinimum block normalized volume\n 5.0000e-01\n";
+  std::string text = run.text;
+  const size_t topo = text.find("Topography removal parameters\n");
+  ASSERT_NE(topo, std::string::npos);
+  const size_t after = text.find('\n', text.find('\n', topo) + 1) + 1;
+  text.insert(after, tail);
+
+  Reader rd;
+  // A resolution matrix file of the same model beside the results file.
+  const std::string reso = rd.s.tmp.sub("back_reso.bin");
+  const int32_t head[4] = {n, 1, n, 4};
+  Write_File(reso, std::string(reinterpret_cast<const char *>(head), sizeof head));
+  ASSERT_EQ(rd.Read(text), 0);
+  const Inv_Results &r = rd.r();
+  EXPECT_EQ(r.nitcount_inv, 3);
+  ASSERT_EQ(r.sens_present, 1);
+  EXPECT_EQ(r.sens_per_vol, 1);
+  EXPECT_FLOAT_EQ(r.sens[0], 0.5f);
+  EXPECT_NEAR(r.sens[n - 1], 0.5 + 0.01 * (n - 1), 1e-3);
+  EXPECT_NEAR(r.sens_vol[2], 2.25, 1e-3);
+  EXPECT_DOUBLE_EQ(r.sens_average, 0.125);
+  EXPECT_DOUBLE_EQ(r.vol_min, 0.5);
+  EXPECT_DOUBLE_EQ(r.vol_max, 12.0);
+  EXPECT_EQ(r.sens_normalised, 0);
+  EXPECT_EQ(r.reference_used, 1);
+  EXPECT_DOUBLE_EQ(r.reference_res, 55.0);
+  ASSERT_EQ(r.reso_present, 1);
+  EXPECT_EQ(r.reso_vol_col, 1);
+  EXPECT_NEAR(r.reso[n - 1], 0.001 * (n - 1), 1e-6);
+  EXPECT_NEAR(r.reso_vol[3], 0.006, 1e-7);
+  EXPECT_DOUBLE_EQ(r.reso_average, 0.3);
+  EXPECT_EQ(r.reso_matrix_file, 1);
+
+  // A matrix of another model is reported and not taken.
+  const int32_t other[4] = {n + 1, 1, n + 1, 4};
+  Write_File(reso, std::string(reinterpret_cast<const char *>(other), sizeof other));
+  ASSERT_EQ(rd.Read(text), 0);
+  EXPECT_EQ(rd.r().reso_matrix_file, 0);
+  int said = 0;
+  for (const auto &m : rd.s.rec.messages)
+    said += m.text.find("Number of model cells in inversion file is") == 0;
+  EXPECT_EQ(said, 1);
+}
+
+namespace {
+
+// A resistivity results file of m data turned into one with IP: the header
+// says IP and each data line has an IP value of 5 mV/V, the initial misfit
+// has its IP line, and each section an IP model of 20 mV/V and calculated IP
+// of 5.5 mV/V with an IP misfit of 1.
+std::string With_IP(const std::string &text, int m) {
+  const std::vector<std::string> lines = Lines(text);
+  std::string out, model;
+  int data_left = 0;
+  bool in_model = false, header = true, calc = false, said_ip = false;
+  for (size_t i = 0; i < lines.size(); i++) {
+    const std::string &l = lines[i];
+    if (header && !said_ip && l == std::to_string(m)) {
+      said_ip = true;
+      out += l + "\nIP present\nChargeability\nmV/V\n0.1200  1.0000\n";
+      data_left = m;
+      continue;
+    }
+    if (data_left > 0) {
+      out += l + "  5.000\n";
+      data_left--;
+      continue;
+    }
+    if (i + 1 < lines.size() && lines[i + 1] == "MODEL iteration 1" && header) {
+      out += l + "\n   2.000\n"; // the initial misfit and its IP line
+      header = false;
+      continue;
+    }
+    if (l.rfind("MODEL iteration", 0) == 0) {
+      in_model = true;
+      model.clear();
+    } else if (in_model && l.rfind("CALCULATED", 0) == 0) {
+      out += "IP MODEL\n" + model;
+      in_model = false;
+      calc = true;
+    } else if (in_model) {
+      if (l.rfind("LAYER", 0) == 0) {
+        model += l + "\n";
+      } else {
+        std::istringstream in(l);
+        for (std::string t; in >> t;)
+          model += "20.0 ";
+        model += "\n";
+      }
+    } else if (calc && l.find('.') != std::string::npos && l.size() < 12) {
+      // The section's misfit line ends its calculated values.
+      out += l + "\nCALCULATED APPARENT IP\n";
+      for (int k = 0; k < m; k++)
+        out += k % 10 == 9 || k == m - 1 ? "5.500\n" : "5.500 ";
+      out += "   1.00000\n";
+      calc = false;
+      continue;
+    }
+    out += l + "\n";
+  }
+  return out;
+}
+
+} // namespace
+
+TEST(ResultsReader, IPModelsAndCalculatedIPAreRead) {
+  const Run_Record &run = Small_Run();
+  const int n = static_cast<int>(run.model.size()), m = static_cast<int>(run.calc.size());
+  Reader rd;
+  ASSERT_EQ(rd.Read(With_IP(run.text, m)), 0);
+  const Inv_Results &r = rd.r();
+  ASSERT_EQ(r.typeip, 1);
+  EXPECT_EQ(r.nitcount_inv, 3);
+  EXPECT_EQ(rd.s.ds->num_valid_ip, m);
+  EXPECT_NEAR(r.rmsip[0], 2.0, 1e-9);
+  EXPECT_NEAR(r.rmsip[2], 1.0, 1e-9);
+  // The binary files hold the IP blocks after the resistivity ones.
+  EXPECT_EQ(std::filesystem::file_size(r.model_bin), sizeof(float) * 2 * 3 * n);
+  EXPECT_EQ(std::filesystem::file_size(r.data_bin), sizeof(float) * 2 * 3 * m);
+  ASSERT_EQ(Read_Model_Binary_File(*rd.s.ds, 2), 0);
+  ASSERT_EQ(r.ipt_disp.size(), static_cast<size_t>(n));
+  for (int b = 0; b < n; b++)
+    ASSERT_NEAR(r.ipt_disp[b], 0.020, 1e-7) << b;
+  ASSERT_EQ(r.mip_disp.size(), static_cast<size_t>(m));
+  EXPECT_NEAR(r.mip_disp[m - 1], 0.0055, 1e-8);
+  EXPECT_GT(r.rt_disp[0], 1.0f) << "the resistivity model is untouched";
 }

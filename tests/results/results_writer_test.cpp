@@ -21,14 +21,6 @@ using namespace test_support;
 
 namespace {
 
-std::vector<std::string> Lines(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
-
 int Count_Tokens(const std::string &line) {
   std::istringstream in(line);
   int n = 0;
