@@ -1,6 +1,8 @@
 #include "core/text_scan.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -82,4 +84,29 @@ double read_real_star(Text_Image &t, double dflt, int &star) {
     return dflt;
   }
   return std::strtod(tok, nullptr);
+}
+
+int64_t find_text(const Text_Image &t, const char *what, int64_t from) {
+  const size_t n = std::strlen(what);
+  if (from < 0 || from >= t.size || n == 0)
+    return -1;
+  const char *end = t.buf + t.size;
+  const char *p = std::search(t.buf + from, end, what, what + n);
+  return p == end ? -1 : p - t.buf;
+}
+
+Text_Image line_image(const char *line) {
+  Text_Image t;
+  t.buf = line;
+  t.size = static_cast<int64_t>(std::strlen(line));
+  return t;
+}
+
+int read_reals(Text_Image &t, float *into, int64_t n, double scale) {
+  for (int64_t i = 0; i < n; i++) {
+    into[i] = static_cast<float>(read_real(t) * scale);
+    if (!t.found)
+      return 1;
+  }
+  return 0;
 }

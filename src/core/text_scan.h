@@ -23,6 +23,12 @@ int read_line(Text_Image &t, char *line);
 // end of the text returns 0 with `found` 0.
 int read_int(Text_Image &t);
 int64_t read_int64(Text_Image &t);
+// The position of the first `what` at or after `from`, or -1.
+int64_t find_text(const Text_Image &t, const char *what, int64_t from);
+// An image over one line of text (a buffer ended by 0), cursor at its start.
+Text_Image line_image(const char *line);
+// n real numbers into `into`, each times `scale`; 1 when the text ends first.
+int read_reals(Text_Image &t, float *into, int64_t n, double scale = 1.0);
 // The same for a real number; the exponent letters e, E, d and D are taken.
 double read_real(Text_Image &t);
 // read_real that also takes "*" in a token: such a token gives `dflt` and

@@ -27,16 +27,6 @@ bool Starts_With(const char *line, const char *what) {
   return std::strncmp(line, what, std::strlen(what)) == 0;
 }
 
-// The position of the line that holds `what` at or after `from`, or -1.
-int64_t Find_Text(const Text_Image &t, const char *what, int64_t from) {
-  const size_t n = std::strlen(what);
-  if (from < 0 || n == 0)
-    return -1;
-  const char *end = t.buf + t.size;
-  const char *p = std::search(t.buf + from, end, what, what + n);
-  return p == end ? -1 : p - t.buf;
-}
-
 // The start of the line `back` lines before the one that starts at `pos`.
 int64_t Line_Start_Before(const Text_Image &t, int64_t pos, int back) {
   int64_t p = pos;
@@ -89,23 +79,12 @@ int Read_IP_Model(Data_Set &ds, float *ip, const float *res, int64_t room) {
   return 0;
 }
 
-int Read_Values(Data_Set &ds, float *into, int n, double scale) {
-  for (int i = 0; i < n; i++) {
-    into[i] = static_cast<float>(read_real(ds.img) * scale);
-    if (!ds.img.found)
-      return 1;
-  }
-  return 0;
-}
-
 // A misfit line: one number, or three with the direction component (the
 // second taken). Returns the fraction.
 double Read_Misfit_Line(Data_Set &ds, bool direction) {
   char line[text_line_max + 1];
   read_line(ds.img, line);
-  Text_Image t;
-  t.buf = line;
-  t.size = static_cast<int64_t>(std::strlen(line));
+  Text_Image t = line_image(line);
   double v = read_real(t);
   if (direction)
     v = read_real(t);
@@ -161,20 +140,20 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
         return 1;
     }
     read_line(ds.img, line); // "CALCULATED ..."
-    if (Read_Values(ds, calc, r.mdata, unit))
+    if (read_reals(ds.img, calc, r.mdata, unit))
       return 1;
     TRACE("Iteration %d misfit from the values %.3f\n", it, Series_Misfit_Percent(ds, calc, 0));
     if (ds.array2 == 16) {
       read_line(ds.img, line); // the ratios
       std::vector<float> skip(r.mdata);
-      Read_Values(ds, skip.data(), r.mdata, 1.0);
+      read_reals(ds.img, skip.data(), r.mdata, 1.0);
     }
     r.rmsl[it] = 100.0 * Read_Misfit_Line(ds, r.vector_dir);
     if (calcip) {
       read_line(ds.img, line); // "CALCULATED APPARENT IP"
       const int n = valid_only ? r.num_valid_ip : r.mdata;
       std::vector<float> v(n);
-      if (Read_Values(ds, v.data(), n, 1.0))
+      if (read_reals(ds.img, v.data(), n, 1.0))
         return 1;
       for (int i = 0, k = 0; i < r.mdata; i++) {
         const bool taken = !valid_only || (ds.valid_ip && ds.valid_ip[i]);
@@ -182,7 +161,7 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
       }
       if (ds.array2 == 16) {
         read_line(ds.img, line);
-        Read_Values(ds, v.data(), n, 1.0);
+        read_reals(ds.img, v.data(), n, 1.0);
       }
       r.rmsip[it] = 100.0 * Read_Misfit_Line(ds, r.vector_dir);
     }
@@ -205,7 +184,7 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
     read_line(ds.img, line); // "CALCULATED ..."
     read_line(ds.img, line); // "TIME DATA SERIES t"
     float *c = calc + static_cast<int64_t>(t) * r.mdata;
-    if (Read_Values(ds, c, r.mdata, unit))
+    if (read_reals(ds.img, c, r.mdata, unit))
       return 1;
     const double rms = 100.0 * Read_Misfit_Line(ds, false);
     all += rms * rms;
@@ -213,7 +192,7 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
     if (calcip) {
       read_line(ds.img, line);
       float *ci = calcip + static_cast<int64_t>(t) * r.mdata;
-      if (Read_Values(ds, ci, r.mdata, 1.0))
+      if (read_reals(ds.img, ci, r.mdata, 1.0))
         return 1;
       for (int i = 0; i < r.mdata; i++)
         ci[i] = static_cast<float>(IP_To_Internal(ds.Data_ip, ci[i], c[i]));
@@ -232,7 +211,7 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
 int Read_Model_Geometry(Data_Set &ds) {
   Model_Grid &g = ds.Model_grid;
   char line[text_line_max + 1];
-  const int64_t at = Find_Text(ds.img, "\nCoordinates of blocks", ds.img.pos);
+  const int64_t at = find_text(ds.img, "\nCoordinates of blocks", ds.img.pos);
   if (at < 0)
     return Show_Text(ds, "Message", MK_WARNING, "%s",
                      "Trapezoidal grid or uniform grid format is no longer supported.\nThe "
@@ -402,7 +381,7 @@ int Read_Inverse_Model_File(Data_Set &ds) {
   }
   if (Get_Model_Inversion(ds))
     return 0;
-  r.robust = Find_Text(ds.img, "Abs. error", ds.img.pos) >= 0 ? 1 : 0;
+  r.robust = find_text(ds.img, "Abs. error", ds.img.pos) >= 0 ? 1 : 0;
   Read_Topography_Model_Parameters(ds);
   Read_Sensitivity_Values(ds);
   Read_Reference_Model(ds);

@@ -13,55 +13,16 @@
 #include "core/messages.h"
 #include "core/trace.h"
 #include "results/results_file.h"
+#include "survey/optional_sections.h"
 #include "survey/survey.h"
 #include "survey/survey_text.h"
-
-namespace {
-
-int64_t Find(const Text_Image &t, const char *what, int64_t from) {
-  const size_t n = std::strlen(what);
-  if (from < 0 || from >= t.size)
-    return -1;
-  const char *end = t.buf + t.size;
-  const char *p = std::search(t.buf + from, end, what, what + n);
-  return p == end ? -1 : p - t.buf;
-}
-
-bool Letter_At_Start(const char *line, char letter) {
-  const char u = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-  for (int k = 0; k < 2 && line[k]; k++)
-    if (std::toupper(static_cast<unsigned char>(line[k])) == u)
-      return true;
-  return false;
-}
-
-// Reads `n` numbers into `v`; false if the text ends first.
-bool Read_Numbers(Text_Image &t, std::vector<float> &v, int64_t n) {
-  v.resize(static_cast<size_t>(std::max<int64_t>(n, 0)));
-  for (int64_t i = 0; i < n; i++) {
-    v[i] = static_cast<float>(read_real(t));
-    if (!t.found)
-      return false;
-  }
-  return true;
-}
-
-// The first number on a line of text.
-double Number_On_Line(const char *line) {
-  Text_Image t;
-  t.buf = line;
-  t.size = static_cast<int64_t>(std::strlen(line));
-  return read_real(t);
-}
-
-} // namespace
 
 void Read_Damping_Factors_Inv_File(Data_Set &ds) {
   Inv_Results &r = ds.Inv_results;
   Text_Image t = ds.img;
   int n = 0;
-  for (int64_t at = Find(t, ", Damping factor", 0); at >= 0;
-       at = Find(t, ", Damping factor", t.pos)) {
+  for (int64_t at = find_text(t, ", Damping factor", 0); at >= 0;
+       at = find_text(t, ", Damping factor", t.pos)) {
     t.pos = at + 16;
     const double v = read_real(t);
     if (!t.found)
@@ -80,7 +41,7 @@ void Read_Lcurve_Values(Data_Set &ds) {
   r.lcurve.clear();
   r.nlcurve = 0;
   const int64_t at =
-      Find(t, "Iter  App Res misfit   Model Res rough  Damping factor  Objective func", 0);
+      find_text(t, "Iter  App Res misfit   Model Res rough  Damping factor  Objective func", 0);
   if (at < 0)
     return;
   t.pos = at;
@@ -92,11 +53,10 @@ void Read_Lcurve_Values(Data_Set &ds) {
   for (int it = 1; it <= r.nitcount_inv; it++) {
     const int64_t keep = t.pos;
     read_line(t, line);
-    Text_Image lt;
-    lt.buf = line;
-    lt.size = static_cast<int64_t>(std::strlen(line));
+    Text_Image lt = line_image(line);
     read_int(lt); // the iteration number
-    if (!lt.found || !Read_Numbers(lt, row, per)) {
+    row.resize(per);
+    if (!lt.found || read_reals(lt, row.data(), per)) {
       t.pos = keep;
       break;
     }
@@ -113,7 +73,7 @@ void Read_Lcurve_Values(Data_Set &ds) {
 void Read_Topography_Model_Parameters(Data_Set &ds) {
   Inv_Results &r = ds.Inv_results;
   Text_Image &t = ds.img;
-  const int64_t at = Find(t, "Topography removal parameters", t.pos);
+  const int64_t at = find_text(t, "Topography removal parameters", t.pos);
   if (at < 0)
     return;
   t.pos = at;
@@ -125,22 +85,23 @@ void Read_Topography_Model_Parameters(Data_Set &ds) {
   const int64_t keep = t.pos;
   if (!read_line(t, line))
     return;
-  if (Letter_At_Start(line, 'D')) {
+  if (First_Or_Second_Letter(line, 'D')) {
     read_line(t, line); // "Damping factor"
     r.distort_damping = read_real(t);
     read_line(t, line); // "Coordinates for model blocks"
     const int64_t n = static_cast<int64_t>(ds.Model_grid.nmodel_blocks) * 24;
-    r.distorted = Read_Numbers(t, r.distorted_corners, n) ? 1 : 0;
+    r.distorted_corners.resize(n);
+    r.distorted = read_reals(t, r.distorted_corners.data(), n) ? 0 : 1;
     if (!r.distorted)
       r.distorted_corners.clear();
     const int64_t after = t.pos;
     if (!read_line(t, line))
       return;
-    if (!Letter_At_Start(line, 'F')) {
+    if (!First_Or_Second_Letter(line, 'F')) {
       t.pos = after;
       return;
     }
-  } else if (!Letter_At_Start(line, 'F')) {
+  } else if (!First_Or_Second_Letter(line, 'F')) {
     t.pos = keep;
     return;
   }
@@ -152,7 +113,8 @@ void Read_Topography_Model_Parameters(Data_Set &ds) {
     return;
   const int64_t n = (static_cast<int64_t>(g.ngridy - 1) * f + 1) * ((g.ngridx - 1) * f + 1);
   r.finer_nodes = f;
-  r.finer_topo = Read_Numbers(t, r.finer_surface, n) ? 1 : 0;
+  r.finer_surface.resize(n);
+  r.finer_topo = read_reals(t, r.finer_surface.data(), n) ? 0 : 1;
 }
 
 void Read_Sensitivity_Values(Data_Set &ds) {
@@ -162,7 +124,7 @@ void Read_Sensitivity_Values(Data_Set &ds) {
   const int64_t keep = t.pos;
   if (Peek_Line(ds, line) && line[0] == '0')
     read_line(t, line);
-  if (!Peek_Line(ds, line) || !Letter_At_Start(line, 'B')) {
+  if (!Peek_Line(ds, line) || !First_Or_Second_Letter(line, 'B')) {
     t.pos = keep;
     return;
   }
@@ -187,8 +149,10 @@ void Read_Sensitivity_Values(Data_Set &ds) {
   }
   r.sens_present = n > 0 && r.sens[0] > 0.0f ? 1 : 0;
   read_line(t, line); // "Average Sensitivity %11.3e"
-  if (std::strncmp(line, "Average Sensitivity", 19) == 0 && std::strlen(line + 19) < 20)
-    r.sens_average = Number_On_Line(line + 19);
+  if (std::strncmp(line, "Average Sensitivity", 19) == 0 && std::strlen(line + 19) < 20) {
+    Text_Image value = line_image(line + 19);
+    r.sens_average = read_real(value);
+  }
   read_line(t, line); // "Minimum cell volume"
   r.vol_min = read_real(t);
   read_line(t, line); // "Maximum cell volume"
@@ -204,16 +168,16 @@ void Read_Sensitivity_Values(Data_Set &ds) {
 void Read_Reference_Model(Data_Set &ds) {
   Inv_Results &r = ds.Inv_results;
   Text_Image t = ds.img;
-  const int64_t at = Find(t, "REFERENCE MODEL USED", 0);
+  const int64_t at = find_text(t, "REFERENCE MODEL USED", 0);
   if (at < 0)
     return;
   r.reference_used = 1;
-  const int64_t res = Find(t, "Reference resistivity is", at);
+  const int64_t res = find_text(t, "Reference resistivity is", at);
   if (res >= 0) {
     t.pos = res + 24;
     r.reference_res = read_real(t);
   }
-  const int64_t ip = Find(t, "Reference IP is", at);
+  const int64_t ip = find_text(t, "Reference IP is", at);
   if (ip >= 0 && ip < res + 200) {
     t.pos = ip + 15;
     r.reference_ip = read_real(t);
@@ -223,8 +187,8 @@ void Read_Reference_Model(Data_Set &ds) {
 void Read_Resolution_Values_Free_Format(Data_Set &ds) {
   Inv_Results &r = ds.Inv_results;
   Text_Image t = ds.img;
-  int64_t at = Find(t, "Resolution values", 0);
-  const int64_t psf = Find(t, "Resolution and PSF values", 0);
+  int64_t at = find_text(t, "Resolution values", 0);
+  const int64_t psf = find_text(t, "Resolution and PSF values", 0);
   if (psf >= 0 && (at < 0 || psf < at))
     at = psf;
   if (at < 0)
@@ -272,7 +236,7 @@ void Read_Resolution_Values_Free_Format(Data_Set &ds) {
     }
   }
   r.reso_present = 1;
-  const int64_t avg = Find(t, "Average Resolution", t.pos);
+  const int64_t avg = find_text(t, "Average Resolution", t.pos);
   if (avg >= 0) {
     t.pos = avg + 18;
     r.reso_average = read_real(t);
@@ -289,11 +253,11 @@ void Read_Resolution_Values_Free_Format(Data_Set &ds) {
 
 void Check_Inversion_Settings_Inv_File(Data_Set &ds) {
   const Text_Image &t = ds.img;
-  const int64_t at = Find(t, "Inversion settings", 0);
+  const int64_t at = find_text(t, "Inversion settings", 0);
   if (at < 0)
     return;
   Read_Settings_Text(ds, t.buf + at, t.size - at, 1);
-  if (Find(t, "Increase of damping factor with depth", at) < 0)
+  if (find_text(t, "Increase of damping factor with depth", at) < 0)
     ds.LS_method.damp_depth_factor = 1.05;
 }
 
