@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "inversion/ls_state.h"
 
@@ -64,6 +65,67 @@ void Modify_Hessian(Data_Set &ds, int rangebound, double fmarq, double *hess, in
 int Cholesky_Dense_Solution_Double(double *hess, int64_t n, double *b);
 // Barrier weight of a cell of resistivity r against reference s.
 double Barrier_Value(const LS_Method &m, double r, double s);
+
+// Weights of the Jacobian rows in the product J^T R J of the equation:
+// R (the robust weights where `dataconstr` is set, else 1) times the square
+// of the data's error weight where `with_error` is set. Returns false when
+// every weight is 1 (w then holds 1s).
+bool Jacobian_Row_Weights(const Data_Set &ds, int dataconstr, bool with_error,
+                          std::vector<float> &w);
+// The damping terms of row i (from 0): `add` for the diagonal, the barrier
+// value `b` and the factor `rough` of the roughness entries.
+void Damping_Terms(const Data_Set &ds, int rangebound, double fmarq, int64_t i, double &add,
+                   double &b, double &rough);
+
+// --- Conjugate-gradient solution (incomplete Gauss-Newton) ---------------------------
+// A product y = A x of n floats, through a plain function and its context.
+struct CG_Product {
+  void (*apply)(void *ctx, const float *x, float *y) = nullptr;
+  void *ctx = nullptr;
+};
+// The filter with the damping inside: F' = fmarq (F + D), every row with its
+// diagonal entry first.
+void Modify_Roughness_Filter_LCG(Data_Set &ds, int rangebound, double fmarq, Sparse_Upper &fp,
+                                 int64_t n);
+// The iteration limit of a system of n unknowns: n / 5 within 100 and 10000.
+int CG_Iteration_Limit(int64_t n);
+// M = 1 / (diag(J^T R J) + diag(F')) with scale_ign, else 1.
+void Set_Precondition_Matrix(Data_Set &ds, const double *jdiag, const Sparse_Upper &fp, int64_t n,
+                             float *m);
+// The preconditioner from the compressed Jacobian's stored diagonals.
+void Set_Precond_Matrix_Wavelet(Data_Set &ds, int dataconstr, const Sparse_Upper &fp, int64_t n,
+                                float *m);
+// The recursion of the conjugate gradients on A x = b with the diagonal
+// preconditioner m; x holds the start (used with `initial_sol_vector`, else
+// zeroed) and the result. Every `refresh` iterations (0 never) the residual
+// is recalculated from b - A x. Returns 0, or 1 after the data-error box.
+int Linear_Conjugate_Gradient(Data_Set &ds, const CG_Product &a, const float *m, const float *b,
+                              float *x, int64_t n, int initial_sol_vector);
+int Linear_CG_Wavelet(Data_Set &ds, const CG_Product &a, const float *m, const float *b, float *x,
+                      int64_t n, int initial_sol_vector);
+// The common entry: float right side from `rhs`, the recursion (`wavelet`
+// selects the form), dm from the solution.
+int Start_Solve_Linear_Conjugate_Gradient(Data_Set &ds, const CG_Product &a, const float *m,
+                                          const double *rhs, float *dm, int64_t n, int wavelet);
+// The dense road: the Jacobian file loaded whole, the product through SGEMV.
+int Solve_Linear_CG_Dense(Data_Set &ds, int dataconstr, const Sparse_Upper &fp, const double *rhs,
+                          float *dm);
+// The same with the Jacobian in memory (m rows of n floats).
+int Solve_Linear_CG_Dense_Mem(Data_Set &ds, int dataconstr, const float *jac, int64_t m,
+                              const Sparse_Upper &fp, const double *rhs, float *dm);
+// The compressed road: the product in the wavelet domain.
+int Solve_Linear_CG_Wavelet(Data_Set &ds, int dataconstr, const Sparse_Upper &fp, const double *rhs,
+                            float *dm);
+// Adds sum of t[i] c_i over rows row0 .. row0 + rows of the compressed
+// Jacobian into `acc` (per-thread rows of n2 doubles, sized here): val and
+// idx hold the stored entries from entry `base` on.
+void Wavelet_Scatter_Rows(const Compressed_Jacobian &cj, const float *val, const int *idx,
+                          int64_t base, int64_t row0, int64_t rows, const double *t,
+                          std::vector<double> &acc);
+// The joined sums back to model order: one inverse transform; `out` has
+// nmodel values.
+void Wavelet_Acc_To_Model(const Compressed_Jacobian &cj, const std::vector<double> &acc, int impl,
+                          float *out);
 
 // --- Update, damping, convergence ----------------------------------------------------
 int Least_Squares_New_Model(Data_Set &ds);

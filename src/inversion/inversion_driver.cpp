@@ -16,6 +16,7 @@
 #include "forward/forward.h"
 #include "inversion/inversion.h"
 #include "jacobian/jacobian.h"
+#include "jacobian/jacobian_compression.h"
 #include "results/results_file.h"
 #include "survey/survey.h"
 #include "survey/survey_text.h"
@@ -48,6 +49,9 @@ void Invert_Initial_Settings(Data_Set &ds) {
   }
   if (lm.incomplete_solve == 0)
     lm.data_compression = 0;
+  lm.cg_convlim = std::max(lm.cg_convlim, 0.005);
+  if (lm.data_compression)
+    lm.cut_off = std::clamp(lm.cut_off, 0.0001, 0.02);
   const double avail = 0.9 * static_cast<double>(Available_Memory_Bytes());
   const double n = ds.Model_grid.nmodel_blocks, m = ds.mdata;
   const double jbytes = 4.0 * m * n, hbytes = 8.0 * n * n;
@@ -78,6 +82,7 @@ void Set_Initial_Settings_LeastSquares(Data_Set &ds) {
   ls.time_set = ls.time_fac = ls.time_solve = ls.time_mesh = 0.0;
   ls.time_jac = ls.time_jac1 = ls.time_jac2 = ls.time_jac3 = ls.time_jac4 = 0.0;
   ls.time_jac_mul = ls.time_rough_filter = ls.time_forward = ls.time_normal = ls.time_chol = 0.0;
+  ls.time_compress = ls.time_cg = 0.0;
   if (ds.error_estimate)
     Set_Error_Vector(ds, ls.error_weight.data());
 }
@@ -120,6 +125,8 @@ int Set_Up_Run(Data_Set &ds) {
     return 1;
   Set_Reference_Model(ds);
   g.Calculate_Blocks_Centers();
+  if (lm.data_compression)
+    Set_Wave_Model_Grid(ds);
   if (lm.use_sensitivity_damp)
     Calculated_Jacobian_Half_Space(ds);
   if (Set_Fixed_Regions_Roughness_Filter(ds))
@@ -201,7 +208,7 @@ void Finish_Run(Data_Set &ds) {
   progress(ds, "Erasing tmeporary files", 1.0);
   const File_Names &f = ds.file_names;
   for (int t : {TF_POTENTIALS, TF_POTENTIALS_I, TF_GRROWT, TF_GRROWT_I, TF_JACOBFX, TF_V_FILE,
-                TF_V_FILE_I, TF_TEMPFILE})
+                TF_V_FILE_I, TF_TEMPFILE, TF_GRADCOMP, TF_GRADCOMP_I})
     std::remove(f.temp[t].c_str());
   ls.stop_inversion = 0;
   ds.exit_next = 0;
@@ -237,13 +244,8 @@ int Invert_Data_Set(Data_Set &ds) {
   Invert_Initial_Settings(ds);
   ls.dataconstr_save = lm.dataconstr;
   Set_Initial_Settings_LeastSquares(ds);
-  if (lm.incomplete_solve >= 2 || ds.ntime > 1) {
-    Refuse_Always(ds, "Message",
-                  "The incomplete Gauss-Newton method (linear conjugate-gradient solution) is "
-                  "not available in this version.\nThis data set needs it (%s).",
-                  ds.ntime > 1         ? "time-lapse data"
-                  : ds.appres_inv == 1 ? "resistance inversion"
-                                       : "the Jacobian or the Hessian does not fit in memory");
+  if (ds.ntime > 1) {
+    Refuse_Always(ds, "Message", "Time-lapse inversion is not available in this version.");
     Finish_Run(ds);
     return 1;
   }

@@ -42,6 +42,7 @@ void LS_State::Size(int nmodel_in, int mdata_in) {
   hist_dataconstr.assign(h, 0);
   nitcountres = 0;
   sens_calculated = 0;
+  wj = Compressed_Jacobian();
 }
 
 void LS_State::Free() {
@@ -51,4 +52,5 @@ void LS_State::Free() {
   std::vector<double>().swap(ca);
   std::vector<double>().swap(diag_hessian_res);
   F.Clear();
+  wj = Compressed_Jacobian();
 }

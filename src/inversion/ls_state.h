@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "jacobian/jacobian_compression.h"
+
 // A symmetric sparse matrix held by its upper rows, one-based: row i (from 1)
 // holds its entries in col[row[i-1]-1 .. row[i]-2], each column >= i, and
 // row[n] - 1 is the entry count. Single precision, as it is kept beside the
@@ -66,6 +68,9 @@ public:
   // Roughness filter F and the diagonal of J^T J gathered by the Jacobian.
   Sparse_Upper F;
   std::vector<double> diag_hessian_res;
+  // The Jacobian compressed in the wavelet domain (incomplete Gauss-Newton
+  // with data compression).
+  Compressed_Jacobian wj;
 
   // Sensitivity: sums of |J| per cell (+ a spare slot with the average),
   // the approximate resolution and the damping multiplier per cell.
@@ -87,6 +92,10 @@ public:
   double time_jac = 0.0, time_jac1 = 0.0, time_jac2 = 0.0, time_jac3 = 0.0, time_jac4 = 0.0,
          time_jac_mul = 0.0, time_rough_filter = 0.0;
   double time_forward = 0.0, time_normal = 0.0, time_chol = 0.0;
+  double time_compress = 0.0, time_cg = 0.0;
+  // The last conjugate-gradient solve: iterations, sqrt of its final ratio.
+  int cg_iterations = 0;
+  double cg_ratio = 0.0;
 
   // Sizes the run time's choices: (re)sizes every per-cell and per-datum array.
   void Size(int nmodel_in, int mdata_in);

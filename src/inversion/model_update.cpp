@@ -11,6 +11,7 @@
 #include "forward/forward.h"
 #include "inversion/inversion.h"
 #include "jacobian/jacobian.h"
+#include "jacobian/jacobian_compression.h"
 #include "survey/survey_text.h"
 
 namespace {
@@ -37,6 +38,11 @@ int Forward_Model_Inversion(Data_Set &ds, int jacob) {
   Calculate_Absolute_Misfit(ds);
   if (jacob)
     ierr = Finite_Element_Jacobian_Real_data_ss(ds);
+  if (jacob && !ierr && ds.LS_method.data_compression && ds.LS_method.incomplete_solve >= 2) {
+    const auto t1 = Clock::now();
+    ierr = Compress_Jacobian_FileOne__Inv(ds);
+    ls.time_compress += Seconds_Since(t1);
+  }
   return ierr;
 }
 

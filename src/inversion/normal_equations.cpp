@@ -15,6 +15,7 @@
 #include "core/temp_files.h"
 #include "core/trace.h"
 #include "inversion/inversion.h"
+#include "jacobian/jacobian_compression.h"
 #include "survey/survey_text.h"
 
 extern "C" {
@@ -58,15 +59,16 @@ int Direct_Solution(Data_Set &ds, double fmarq, const double *rhs, float *dm) {
     return -1;
   }
   progress(ds, "Read Jacobian", 0.0);
-  if (Read_Values_File(ds, ds.file_names.temp[TF_GRROWT], jac.data(), m * n))
+  if (Read_Jacobian_Change_Ordering(ds, ds.file_names.temp[TF_GRROWT], m, n, jac.data()))
     return -1;
+  std::vector<float> rw;
+  const bool weighted = Jacobian_Row_Weights(ds, ls.dataconstr, true, rw);
   progress(ds, "Calculate Hessian", 0.0);
   progress(ds, "Calculating normal equations 2..", 0.0);
   const auto t0 = Clock::now();
   const int saved_mode = ls.jacobian_store_mode;
   ls.jacobian_store_mode = 2;
-  if (Normal_Equations_Lapack(ds, jac.data(), m, n, ls.dataconstr ? ls.rd_res.data() : nullptr,
-                              hess.data())) {
+  if (Normal_Equations_Lapack(ds, jac.data(), m, n, weighted ? rw.data() : nullptr, hess.data())) {
     ls.jacobian_store_mode = saved_mode;
     Show_Text(ds, "Error Message", MK_WARNING,
               "Error in calculations for the normal equations for Gauss-Newton method!\nUse the "
@@ -161,20 +163,13 @@ double Barrier_Value(const LS_Method &lm, double r, double s) {
 }
 
 void Modify_Hessian(Data_Set &ds, int rangebound, double fmarq, double *hess, int64_t n) {
-  const LS_Method &lm = ds.LS_method;
-  const LS_State &ls = ds.LS;
-  const Sparse_Upper &f = ls.F;
-  const double s_ref = ls.reference_value != 0.0 ? std::exp(ls.reference_value) : ls.average_res;
+  const Sparse_Upper &f = ds.LS.F;
   for (int64_t i = 0; i < n; i++) {
-    double add = 0.0;
-    if (lm.combined_marquardt)
-      add = fmarq * lm.marquardt_weight;
-    add += (ls.sensfix[i] - 1.0) * fmarq;
-    const double b = rangebound ? Barrier_Value(lm, ls.rt[i], s_ref) : 0.0;
+    double add, b, rough;
+    Damping_Terms(ds, rangebound, fmarq, i, add, b, rough);
     hess[i * n + i] += fmarq * b + add;
     if (i >= f.n)
       continue;
-    const double rough = rangebound && lm.barrier_on_roughness ? b + 1.0 : 1.0;
     for (int k = f.row[i] - 1; k < f.row[i + 1] - 1; k++) {
       const int64_t j = f.col[k] - 1;
       const double v = fmarq * rough * f.val[k];
@@ -196,16 +191,51 @@ int Cholesky_Dense_Solution_Double(double *hess, int64_t n, double *b) {
   return info;
 }
 
+namespace {
+
+// The conjugate-gradient roads: the filter with the damping inside, then the
+// compressed or the dense product.
+int Solve_Conjugate_Gradient_Road(Data_Set &ds, double fmarq, const double *rhs, float *dm) {
+  LS_State &ls = ds.LS;
+  const int64_t n = ds.Model_grid.nmodel_blocks;
+  const int rangebound = ls.nitcount > 1 ? ds.LS_method.rangebound : 0;
+  progress(ds, "Linear conjugate-gradient solution", 0.0);
+  Sparse_Upper fp;
+  Modify_Roughness_Filter_LCG(ds, rangebound, fmarq, fp, n);
+  if (ds.Sens_reso.Cal_Model_Reso == 1) {
+    const std::string &path = ds.file_names.temp[TF_SPACE_MOD_FILTER];
+    FILE *f = std::fopen(path.c_str(), "wb");
+    const size_t e = fp.col.size();
+    const bool ok = f && std::fwrite(fp.row.data(), sizeof(int), n + 1, f) == size_t(n + 1) &&
+                    std::fwrite(fp.col.data(), sizeof(int), e, f) == e &&
+                    std::fwrite(fp.val.data(), sizeof(float), e, f) == e;
+    if (f)
+      std::fclose(f);
+    if (!ok) {
+      Show_Text(ds, "Filter File Error Message", MK_WARNING,
+                "Error in creating modified filter file/n%s.", path.c_str());
+      ds.Sens_reso.Cal_Model_Reso = 0;
+    }
+  }
+  const auto t0 = Clock::now();
+  const int ierr = ds.LS_method.data_compression
+                       ? Solve_Linear_CG_Wavelet(ds, ls.dataconstr, fp, rhs, dm)
+                       : Solve_Linear_CG_Dense(ds, ls.dataconstr, fp, rhs, dm);
+  ls.time_cg += Seconds_Since(t0);
+  return ierr;
+}
+
+} // namespace
+
 int Solve_Constrained_Least_Squares_Equation(Data_Set &ds, double fmarq, float *dm) {
   LS_State &ls = ds.LS;
   const int64_t n = ds.Model_grid.nmodel_blocks;
   std::vector<double> rhs(ls.ca.begin(), ls.ca.begin() + n);
   Modify_RHS_Vector_Roughness_Filter(ds, ls.rt.data(), fmarq, rhs.data());
-  if (ds.LS_method.incomplete_solve >= 2 || ds.ntime > 1)
-    return Refuse_Always(ds, "Message",
-                         "The incomplete Gauss-Newton method (linear conjugate-gradient "
-                         "solution) is not available in this version.\nSet the least-squares "
-                         "method to standard Gauss-Newton (incomplete_solve 0).");
+  if (ds.ntime > 1)
+    return Refuse_Always(ds, "Message", "Time-lapse inversion is not available in this version.");
+  if (ds.LS_method.incomplete_solve >= 2)
+    return Solve_Conjugate_Gradient_Road(ds, fmarq, rhs.data(), dm);
   TRACE("Direct Gauss-Newton method\n");
   const int info = Direct_Solution(ds, fmarq, rhs.data(), dm);
   if (info > 0)

@@ -134,17 +134,28 @@ int Jacobian_Block_Rows(double cache_gb, int64_t columns, int64_t m, bool halve)
   return static_cast<int>(std::max<int64_t>(rows, 16));
 }
 
-int Calculate_RHS(Data_Set &ds, int dataconstr, double *ca) {
-  LS_State &ls = ds.LS;
+bool Jacobian_Row_Weights(const Data_Set &ds, int dataconstr, bool with_error,
+                          std::vector<float> &w) {
+  const LS_State &ls = ds.LS;
+  const int m = ds.mdata;
+  w.assign(m, 1.0f);
+  bool any = false;
+  for (int i = 0; i < m; i++) {
+    double v = dataconstr ? ls.rd_res[i] : 1.0;
+    if (with_error)
+      v *= static_cast<double>(ls.error_weight[i]) * ls.error_weight[i];
+    w[i] = static_cast<float>(v);
+    any = any || w[i] != 1.0f;
+  }
+  return any;
+}
+
+namespace {
+
+// ca = J^T d from the Jacobian file, in row blocks, a parallel loop over
+// columns.
+int RHS_From_Jacobian_File(Data_Set &ds, const double *d, double *ca) {
   const int64_t n = ds.Model_grid.nmodel_blocks, m = ds.mdata;
-  if (dataconstr)
-    progress(ds, "Calcuting L1-norm for data misfits", 0.0);
-  Calculate_Data_Weights(ls.ydiff.data(), static_cast<int>(m), dataconstr, ds.LS_method.eps,
-                         ls.rd_res.data());
-  std::vector<double> d_dbl(m);
-  for (int64_t i = 0; i < m; i++)
-    d_dbl[i] = (ds.keep && !ds.keep[i]) ? 0.0 : static_cast<double>(ls.rd_res[i]) * ls.ydiff[i];
-  std::fill(ca, ca + n, 0.0);
   progress(ds, "Calculate RHS without wavelet compression", 0.0);
   const std::string &path = ds.file_names.temp[TF_GRROWT];
   FILE *f = std::fopen(path.c_str(), "rb");
@@ -176,12 +187,95 @@ int Calculate_RHS(Data_Set &ds, int dataconstr, double *ca) {
     for (int64_t j = 0; j < n; j++) {
       double s = 0.0;
       for (int64_t i = 0; i < nr; i++)
-        s += static_cast<double>(buf[i * n + j]) * d_dbl[r0 + i];
+        s += static_cast<double>(buf[i * n + j]) * d[r0 + i];
       ca[j] += s;
     }
   }
   std::fclose(f);
   return ierr;
+}
+
+// ca = J^T d from the compressed rows: the sums made in the wavelet domain,
+// block by block of rows, then one inverse transform.
+int RHS_From_Compressed_Jacobian(Data_Set &ds, const double *d, double *ca) {
+  const Compressed_Jacobian &cj = ds.LS.wj;
+  const int64_t n = cj.nmodel, m = cj.mdata;
+  progress(ds, "Wavelet compression used. Using compressed Jacobian.", 0.0);
+  const std::string &vpath = ds.file_names.temp[TF_GRADCOMP],
+                    &ipath = ds.file_names.temp[TF_GRADCOMP_I];
+  FILE *fv = std::fopen(vpath.c_str(), "rb"), *fi = std::fopen(ipath.c_str(), "rb");
+  if (!fv || !fi) {
+    for (FILE *f : {fv, fi})
+      if (f)
+        std::fclose(f);
+    return Show_Text(ds, "RHS Jacobian File Error", MK_WARNING,
+                     "Cannot open file\n%s\nfor reading!\n", (fv ? ipath : vpath).c_str());
+  }
+  const int64_t rows = Jacobian_Block_Rows(ds.ssd_cache, Max_Wavelet_Coefs(cj), m, true);
+  std::vector<float> val, total(cj.n2, 0.0f), model(n);
+  std::vector<int> idx;
+  std::vector<double> acc;
+  int ierr = 0;
+  for (int64_t r0 = 0; r0 < m && !ierr; r0 += rows) {
+    const int64_t nr = std::min(rows, m - r0);
+    const int64_t base = cj.numwave[r0], count = cj.numwave[r0 + nr] - base;
+    try {
+      val.resize(count);
+      idx.resize(count);
+    } catch (...) {
+      ierr =
+          Show_Text(ds, "RHS Error Message", MK_WARNING,
+                    "Error in allocating memory for calculating RHS.\nModel %d Data %d Buffer %lld",
+                    static_cast<int>(n), static_cast<int>(m), static_cast<long long>(count));
+      break;
+    }
+    if (std::fread(val.data(), sizeof(float), count, fv) != static_cast<size_t>(count) ||
+        std::fread(idx.data(), sizeof(int), count, fi) != static_cast<size_t>(count)) {
+      ierr = Show_Text(ds, "RHS Jacobian File Error", MK_WARNING,
+                       "Cannot open file\n%s\nfor reading!\n", vpath.c_str());
+      break;
+    }
+    Wavelet_Scatter_Rows(cj, val.data(), idx.data(), base, r0, nr, d + r0, acc);
+    const int64_t threads = static_cast<int64_t>(acc.size()) / cj.n2;
+    for (int64_t k = 0; k < cj.n2; k++) {
+      double s = total[k];
+      for (int64_t t = 0; t < threads; t++)
+        s += acc[t * cj.n2 + k];
+      total[k] = static_cast<float>(s);
+    }
+  }
+  std::fclose(fv);
+  std::fclose(fi);
+  if (ierr)
+    return ierr;
+  std::vector<double> one(total.begin(), total.end());
+  Wavelet_Acc_To_Model(cj, one, ds.LS_method.wavelet_function_type, model.data());
+  for (int64_t j = 0; j < n; j++)
+    ca[j] = model[j];
+  return 0;
+}
+
+} // namespace
+
+int Calculate_RHS(Data_Set &ds, int dataconstr, double *ca) {
+  LS_State &ls = ds.LS;
+  const int64_t n = ds.Model_grid.nmodel_blocks, m = ds.mdata;
+  if (dataconstr)
+    progress(ds, "Calcuting L1-norm for data misfits", 0.0);
+  Calculate_Data_Weights(ls.ydiff.data(), static_cast<int>(m), dataconstr, ds.LS_method.eps,
+                         ls.rd_res.data());
+  // The compressed rows carry the error weights already; the file's rows
+  // take them here, with the misfits.
+  const bool compressed =
+      ds.LS_method.data_compression > 0 && ls.wj.valid && ls.wj.nmodel == n && ls.wj.mdata == m;
+  std::vector<double> d_dbl(m);
+  for (int64_t i = 0; i < m; i++) {
+    const double w = compressed ? 1.0 : ls.error_weight[i];
+    d_dbl[i] = (ds.keep && !ds.keep[i]) ? 0.0 : w * static_cast<double>(ls.rd_res[i]) * ls.ydiff[i];
+  }
+  std::fill(ca, ca + n, 0.0);
+  return compressed ? RHS_From_Compressed_Jacobian(ds, d_dbl.data(), ca)
+                    : RHS_From_Jacobian_File(ds, d_dbl.data(), ca);
 }
 
 void Modify_RHS_Vector_Roughness_Filter(Data_Set &ds, const float *model, double fmarq,
