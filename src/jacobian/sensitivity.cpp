@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 #include "core/data_set.h"
 #include "core/memory.h"
 #include "core/trace.h"
 #include "jacobian/jacobian.h"
+#include "jacobian/jacobian_compression.h"
 #include "survey/survey_text.h"
 
 // Shared with the half-space road (half_space_jacobian.cpp).
@@ -31,22 +33,56 @@ void Initialize_damp_ac(LS_State &ls) {
   std::fill(ls.damp_ac.begin(), ls.damp_ac.end(), 1.0f);
 }
 
-// Sums of |J| and J^2 over the rows of the Jacobian file.
+// Row i of the compressed Jacobian in model order: its stored coefficients
+// scattered into a zero wavelet row and transformed back.
+int Compressed_Row(Data_Set &ds, int i, FILE *fv, FILE *fi, std::vector<float> &val,
+                   std::vector<int> &idx, std::vector<float> &w, float *row) {
+  const Compressed_Jacobian &cj = ds.LS.wj;
+  const int64_t count = cj.numwave[i + 1] - cj.numwave[i];
+  val.resize(count);
+  idx.resize(count);
+  if (std::fread(val.data(), sizeof(float), count, fv) != static_cast<size_t>(count) ||
+      std::fread(idx.data(), sizeof(int), count, fi) != static_cast<size_t>(count))
+    return 1;
+  const int64_t n2 = Max_Wavelet_Coefs(cj);
+  w.assign(2 * n2, 0.0f);
+  for (int64_t k = 0; k < count; k++)
+    w[idx[k]] = val[k];
+  Wavelet_Row_To_Model(cj, w.data(), w.data() + n2, ds.LS_method.wavelet_function_type, row);
+  return 0;
+}
+
+// Sums of |J| and J^2 over the rows of the Jacobian: from the compressed
+// files where the run keeps them, else from the Jacobian file.
 int Sum_Jacobian_File(Data_Set &ds, float *row, float *q) {
   const int m = ds.mdata, n = ds.Model_grid.nmodel_blocks;
-  const std::string &path = ds.file_names.temp[TF_GRROWT];
+  LS_State &ls = ds.LS;
+  const bool compressed =
+      ds.LS_method.data_compression > 0 && ls.wj.valid && ls.wj.nmodel == n && ls.wj.mdata == m;
+  const std::string &path = ds.file_names.temp[compressed ? TF_GRADCOMP : TF_GRROWT];
   FILE *f = std::fopen(path.c_str(), "rb");
-  if (!f)
+  FILE *fi = compressed ? std::fopen(ds.file_names.temp[TF_GRADCOMP_I].c_str(), "rb") : nullptr;
+  if (!f || (compressed && !fi)) {
+    for (FILE *g : {f, fi})
+      if (g)
+        std::fclose(g);
     return Show_Text(ds, "Sensitivity Error Message", MK_WARNING,
                      "Cannot open Jacobian matrix file\n%s\nfor sensitivity calculations.",
                      path.c_str());
-  LS_State &ls = ds.LS;
+  }
+  std::vector<float> val, w;
+  std::vector<int> idx;
   for (int i = 0; i < m; i++) {
     if (i % 128 == 0)
       Progress_Text(ds, static_cast<double>(i) / m, "Calculating sensitivity information %.2f%%",
                     100.0 * i / m);
-    if (std::fread(row, sizeof(float), n, f) != static_cast<size_t>(n)) {
+    const bool short_read = compressed
+                                ? Compressed_Row(ds, i, f, fi, val, idx, w, row) != 0
+                                : std::fread(row, sizeof(float), n, f) != static_cast<size_t>(n);
+    if (short_read) {
       std::fclose(f);
+      if (fi)
+        std::fclose(fi);
       return Show_Text(ds, "Sensitivity Error Message", MK_WARNING,
                        "Jacobian matrix file\n%s\nends at row %d of %d.", path.c_str(), i + 1, m);
     }
@@ -56,6 +92,8 @@ int Sum_Jacobian_File(Data_Set &ds, float *row, float *q) {
     }
   }
   std::fclose(f);
+  if (fi)
+    std::fclose(fi);
   Progress_Text(ds, 1.0, "Calculating sensitivity information %.2f%%", 100.0);
   return 0;
 }
