@@ -37,8 +37,11 @@ inline Front_End Silent_Front_End(bool warnings_only) {
 }
 
 // The data file's text: `title` on its first line, n x n grid lines and
-// electrodes, `layers` user layers growing by 1.15 from 0.5 m.
-inline std::string Make_Grid_Survey(const char *title, int n, int layers) {
+// electrodes, `layers` user layers growing by 1.15 from 0.5 m; dipole-dipole
+// lines along x (and along y too with `both_ways`) on every other grid line,
+// dipole length 1 m, n factors 1 to `max_spacing`.
+inline std::string Make_Grid_Survey(const char *title, int n, int layers, bool both_ways = false,
+                                    int max_spacing = 6) {
   std::string f;
   char line[256];
   f += title;
@@ -75,13 +78,19 @@ inline std::string Make_Grid_Survey(const char *title, int n, int layers) {
   }
   std::string points;
   int count = 0;
-  for (int j = 0; j < n; j += 2)
-    for (int i = 0; i + 3 < n; i++)
-      for (int s = 1; s <= 6 && i + s + 2 < n; s++, count++) {
-        std::snprintf(line, sizeof line, "%d %d %d %d %d %d %d %d 100.0\n", i + s + 1, j, i + s + 2,
-                      j, i + 1, j, i, j);
-        points += line;
-      }
+  for (int along_y = 0; along_y < (both_ways ? 2 : 1); along_y++)
+    for (int j = 0; j < n; j += 2)
+      for (int i = 0; i + 3 < n; i++)
+        for (int s = 1; s <= max_spacing && i + s + 2 < n; s++, count++) {
+          const int a[4] = {i + s + 1, i + s + 2, i + 1, i};
+          if (along_y)
+            std::snprintf(line, sizeof line, "%d %d %d %d %d %d %d %d 100.0\n", j, a[0], j, a[1], j,
+                          a[2], j, a[3]);
+          else
+            std::snprintf(line, sizeof line, "%d %d %d %d %d %d %d %d 100.0\n", a[0], j, a[1], j,
+                          a[2], j, a[3], j);
+          points += line;
+        }
   std::snprintf(line, sizeof line, "%d\n", count);
   f += line;
   f += points;

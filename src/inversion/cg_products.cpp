@@ -7,10 +7,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
+#include <new>
 #include <vector>
 
 #include "core/clock.h"
 #include "core/data_set.h"
+#include "core/memory.h"
 #include "core/messages.h"
 #include "core/temp_files.h"
 #include "core/trace.h"
@@ -205,19 +208,20 @@ int Solve_Linear_CG_Dense_Mem(Data_Set &ds, int dataconstr, const float *jac, in
 int Solve_Linear_CG_Dense(Data_Set &ds, int dataconstr, const Sparse_Upper &fp, const double *rhs,
                           float *dm) {
   const int64_t n = ds.Model_grid.nmodel_blocks, m = ds.mdata;
-  std::vector<float> jac;
-  try {
-    jac.resize(m * n + 4);
-  } catch (...) {
+  // Not zero-filled: the file fills it, and the pages are touched only then.
+  std::unique_ptr<float[]> jac;
+  if (static_cast<double>(4 * m * n) <= 0.9 * static_cast<double>(Available_Memory_Bytes()))
+    jac.reset(new (std::nothrow) float[m * n + 4]);
+  if (!jac) {
     return Show_Text(ds, "Jacobian memory error", MK_WARNING,
                      "Not enough memory for Jacobian in linear conjugate solver.\nMemory needed "
                      "%lld bytes.\nUse wavelet compression method.",
                      static_cast<long long>(4 * m * n + 16));
   }
   const std::string &path = ds.file_names.temp[TF_GRROWT];
-  if (gradlod(ds, path, m, n, jac.data()))
+  if (gradlod(ds, path, m, n, jac.get()))
     return 1;
-  return Solve_Linear_CG_Dense_Mem(ds, dataconstr, jac.data(), m, fp, rhs, dm);
+  return Solve_Linear_CG_Dense_Mem(ds, dataconstr, jac.get(), m, fp, rhs, dm);
 }
 
 int Solve_Linear_CG_Wavelet(Data_Set &ds, int dataconstr, const Sparse_Upper &fp, const double *rhs,

@@ -108,7 +108,7 @@ void Set_Reference_Model(Data_Set &ds) {
 // non-zero to end the run.
 int Set_Up_Run(Data_Set &ds) {
   LS_State &ls = ds.LS;
-  const LS_Method &lm = ds.LS_method;
+  LS_Method &lm = ds.LS_method;
   Model_Grid &g = ds.Model_grid;
   if (Forward_Model_Memory_Check(ds))
     return 1;
@@ -143,6 +143,15 @@ int Set_Up_Run(Data_Set &ds) {
                   ds.mdata, g.nmodel_blocks, g.nlayers, ls.fmarq);
   panel_text(ds, ds.mesg);
 
+  // The whole Jacobian must fit in memory unless it is compressed.
+  if (!lm.data_compression &&
+      Check_Memory_Jacobian(ds, Jacobian_Probe_Values(1, ds.mdata, g.nmodel_blocks,
+                                                      g.num_splice_x * g.num_splice_y))) {
+    lm.data_compression = 1;
+    lm.incomplete_solve = 2;
+    lm.cut_off = std::clamp(lm.cut_off, 0.0001, 0.02);
+    Set_Wave_Model_Grid(ds);
+  }
   if (Forward_Model_Inversion(ds, 1)) {
     if (!ds.batch_mode)
       show_message(ds, "Error in calculating initial Jacobian numerically",

@@ -1,5 +1,7 @@
 // The misfit vector, the robust data weights and the right-hand side of the
 // least-squares equation: ca = J^T R y - fmarq F (q - q0).
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,6 +12,7 @@
 #include "core/temp_files.h"
 #include "core/trace.h"
 #include "inversion/inversion.h"
+#include "jacobian/wavelet.h"
 #include "survey/survey.h"
 #include "survey/survey_text.h"
 
@@ -183,12 +186,20 @@ int RHS_From_Jacobian_File(Data_Set &ds, const double *d, double *ca) {
                        "Cannot open file\n%s\nfor reading!\n", path.c_str());
       break;
     }
-#pragma omp parallel for schedule(static)
-    for (int64_t j = 0; j < n; j++) {
-      double s = 0.0;
-      for (int64_t i = 0; i < nr; i++)
-        s += static_cast<double>(buf[i * n + j]) * d[r0 + i];
-      ca[j] += s;
+    // Each thread owns a range of columns and walks the rows in storage
+    // order over it.
+#pragma omp parallel
+    {
+      const int64_t t = omp_get_thread_num(), nt = omp_get_num_threads();
+      const int64_t j0 = n * t / nt, j1 = n * (t + 1) / nt;
+      for (int64_t i = 0; i < nr; i++) {
+        const double di = d[r0 + i];
+        if (di == 0.0)
+          continue;
+        const float *row = buf.data() + i * n;
+        for (int64_t j = j0; j < j1; j++)
+          ca[j] += static_cast<double>(row[j]) * di;
+      }
     }
   }
   std::fclose(f);
@@ -212,7 +223,8 @@ int RHS_From_Compressed_Jacobian(Data_Set &ds, const double *d, double *ca) {
                      "Cannot open file\n%s\nfor reading!\n", (fv ? ipath : vpath).c_str());
   }
   const int64_t rows = Jacobian_Block_Rows(ds.ssd_cache, Max_Wavelet_Coefs(cj), m, true);
-  std::vector<float> val, total(cj.n2, 0.0f), model(n);
+  std::vector<float> val, model(n);
+  std::vector<double> total(cj.n2, 0.0);
   std::vector<int> idx;
   std::vector<double> acc;
   int ierr = 0;
@@ -237,19 +249,17 @@ int RHS_From_Compressed_Jacobian(Data_Set &ds, const double *d, double *ca) {
     }
     Wavelet_Scatter_Rows(cj, val.data(), idx.data(), base, r0, nr, d + r0, acc);
     const int64_t threads = static_cast<int64_t>(acc.size()) / cj.n2;
-    for (int64_t k = 0; k < cj.n2; k++) {
-      double s = total[k];
-      for (int64_t t = 0; t < threads; t++)
-        s += acc[t * cj.n2 + k];
-      total[k] = static_cast<float>(s);
-    }
+    for (int64_t t = 0; t < threads; t++)
+      for (int64_t k = 0; k < cj.n2; k++)
+        total[k] += acc[t * cj.n2 + k];
   }
   std::fclose(fv);
   std::fclose(fi);
   if (ierr)
     return ierr;
-  std::vector<double> one(total.begin(), total.end());
-  Wavelet_Acc_To_Model(cj, one, ds.LS_method.wavelet_function_type, model.data());
+  Wavelet_Acc_To_Model(cj, total,
+                       ds.LS_method.wavelet_function_type == 1 ? WAVELET_VECTOR : WAVELET_PLAIN,
+                       model.data());
   for (int64_t j = 0; j < n; j++)
     ca[j] = model[j];
   return 0;
