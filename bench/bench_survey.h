@@ -8,13 +8,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "core/commands.h"
 #include "core/data_set.h"
 #include "core/front_end.h"
 #include "core/temp_files.h"
 #include "forward/forward.h"
+#include "forward/synthetic.h"
 
 // Messages go to stderr (only warnings when `warnings_only`); panel lines,
 // progress and questions are silent (every question answered No).
@@ -172,3 +175,55 @@ inline double Median(std::vector<double> v) {
          : v.size() % 2 ? v[v.size() / 2]
                         : 0.5 * (v[v.size() / 2 - 1] + v[v.size() / 2]);
 }
+
+#ifdef OHMVOL3D_EXAMPLES
+// The synthetic-block results file in `dir` (the 9 x 14 electrode grid over
+// a 10 ohm-m box in 100 ohm-m, 3 % noise, eight iterations); returns its
+// path or "".
+inline std::string Synthetic_Results(const std::string &dir) {
+  const std::string survey = dir + "/grid_9x14.dat", data = dir + "/synthetic.dat";
+  std::error_code ec;
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat", survey, ec);
+  if (ec)
+    return "";
+  {
+    Bench_Data_Set b(dir);
+    if (b.ds.Run_Command(CMD_READ_DATA, survey.c_str()))
+      return "";
+    Synthetic_Model model;
+    model.background = 100.0;
+    Synthetic_Box box;
+    const double lim[6] = {7.5, 12.5, 13.75, 18.75, 1.5, 4.5};
+    std::copy(lim, lim + 6, box.lim);
+    box.res = 10.0;
+    model.boxes.push_back(box);
+    if (Forward_Synthetic_Data(b.ds, model, data.c_str(), 3.0, 7))
+      return "";
+  }
+  Bench_Data_Set b(dir);
+  const std::string inv = dir + "/synthetic.inv";
+  if (b.ds.Run_Command(CMD_READ_DATA, data.c_str()) || b.ds.Run_Command(CMD_INVERT, inv.c_str()))
+    return "";
+  return inv;
+}
+
+// A fresh folder /tmp/NAME_XXXXXX in `dir` and, when `inv` is empty, the
+// synthetic-block results file made there. Returns 0, or 1 after saying why.
+inline int Bench_Results_File(const char *name, std::string &dir, std::string &inv) {
+  std::string pattern = std::string("/tmp/") + name + "_XXXXXX";
+  if (!mkdtemp(pattern.data())) {
+    std::printf("cannot make a folder under /tmp\n");
+    return 1;
+  }
+  dir = pattern;
+  if (inv.empty()) {
+    std::printf("Making the synthetic-block results file (forward model and 8 iterations)...\n");
+    inv = Synthetic_Results(dir);
+    if (inv.empty()) {
+      std::printf("the synthetic results could not be made\n");
+      return 1;
+    }
+  }
+  return 0;
+}
+#endif

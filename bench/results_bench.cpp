@@ -12,39 +12,10 @@
 #include "bench_survey.h"
 #include "core/clock.h"
 #include "core/commands.h"
-#include "forward/synthetic.h"
 #include "results/exports.h"
 #include "results/results_file.h"
 
 namespace {
-
-// The synthetic-block results file in `dir`; returns its path or "".
-std::string Synthetic_Results(const std::string &dir) {
-  const std::string survey = dir + "/grid_9x14.dat", data = dir + "/synthetic.dat";
-  std::error_code ec;
-  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat", survey, ec);
-  if (ec)
-    return "";
-  {
-    Bench_Data_Set b(dir);
-    if (b.ds.Run_Command(CMD_READ_DATA, survey.c_str()))
-      return "";
-    Synthetic_Model model;
-    model.background = 100.0;
-    Synthetic_Box box;
-    const double lim[6] = {7.5, 12.5, 13.75, 18.75, 1.5, 4.5};
-    std::copy(lim, lim + 6, box.lim);
-    box.res = 10.0;
-    model.boxes.push_back(box);
-    if (Forward_Synthetic_Data(b.ds, model, data.c_str(), 3.0, 7))
-      return "";
-  }
-  Bench_Data_Set b(dir);
-  const std::string inv = dir + "/synthetic.inv";
-  if (b.ds.Run_Command(CMD_READ_DATA, data.c_str()) || b.ds.Run_Command(CMD_INVERT, inv.c_str()))
-    return "";
-  return inv;
-}
 
 struct Timing {
   const char *what;
@@ -64,18 +35,9 @@ int main(int argc, char **argv) {
     else
       inv = argv[k];
   }
-  char pattern[] = "/tmp/ohmvol3d_bench_results_XXXXXX";
-  if (!mkdtemp(pattern))
+  std::string dir;
+  if (Bench_Results_File("ohmvol3d_bench_results", dir, inv))
     return 1;
-  const std::string dir = pattern;
-  if (inv.empty()) {
-    std::printf("Making the synthetic-block results file (forward model and 8 iterations)...\n");
-    inv = Synthetic_Results(dir);
-    if (inv.empty()) {
-      std::printf("the synthetic results could not be made\n");
-      return 1;
-    }
-  }
   const auto size = std::filesystem::file_size(inv);
   Bench_Data_Set b(dir);
   Data_Set &ds = b.ds;

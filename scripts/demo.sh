@@ -4,7 +4,8 @@
 # the finite-element mesh of the 9 by 14 electrode grid written for ParaView,
 # the mesh's check against a homogeneous half-space, synthetic data of a
 # buried conductor with 3 % noise, the inversion of those data, and the
-# results file read back and exported for ParaView. The results stay in
+# results file read back and exported for ParaView, and the final model's
+# layer sections drawn as a PNG picture. The results stay in
 # BUILD/demo/.
 set -euo pipefail
 build=${1:-build}
@@ -30,3 +31,5 @@ echo "Inversion results: $out/synthetic.inv"
 "$build/ohmvol3d" export "$out/synthetic.inv" --format vtk --buffer "$out"
 echo "Results file read back: $out/synthetic.inv"
 echo "ParaView model of the last iteration: $(ls "$out"/synthetic_Iter*_Res_Model.vtk | tail -1)"
+"$build/ohmvol3d" plot "$out/synthetic.inv" -o "$out/synthetic_layers.png" --buffer "$out"
+echo "Layer sections of the final model (PNG): $out/synthetic_layers.png"

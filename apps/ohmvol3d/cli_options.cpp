@@ -8,10 +8,11 @@
 namespace {
 
 // Options of single subcommands that take a value.
-const char *const valued_named[] = {"-o",     "--save", "--model",  "--noise",
-                                    "--seed", "--vtk",  "--format", "--iteration"};
+const char *const valued_named[] = {"-o",     "--save",    "--model",  "--noise",
+                                    "--seed", "--vtk",     "--format", "--iteration",
+                                    "--view", "--section", "--size"};
 // Options of single subcommands that stand alone.
-const char *const flag_named[] = {"--ip"};
+const char *const flag_named[] = {"--ip", "--contour"};
 
 bool In(const char *word, const char *const *list, size_t n) {
   for (size_t i = 0; i < n; i++)
@@ -129,7 +130,8 @@ const char *Cli_Usage(const std::string &subcommand) {
          "                               its analytic values: errors by array type\n"
          "  invert DATA.dat [-o RESULTS.inv]  invert a survey data file\n"
          "  export RESULTS.inv --format xyz|xyzc|logxyzc|vtk|misfit [--iteration N] [--ip]\n"
-         "  plot RESULTS.inv [--iteration N] [--ip] -o FILE.png\n"
+         "  plot FILE [--view layers|xz|yz|electrodes|mesh|lcurve] [--iteration N] [--ip]\n"
+         "       [--section K] [--size WxH] [--contour] -o FILE.png\n"
          "\n"
          "Options:\n"
          "  --ivp FILE        read inversion settings from an .ivp file\n"

@@ -16,6 +16,7 @@
 #include "forward/synthetic.h"
 #include "mesh/mesh.h"
 #include "survey/survey.h"
+#include "ui/qt/qimage_surface.h"
 
 namespace {
 
@@ -159,6 +160,67 @@ int Run_Export(Data_Set &ds, const Cli_Options &opt) {
   return ds.Run_Command(id) ? 1 : 0;
 }
 
+// plot FILE [--view layers|xz|yz|electrodes|mesh|lcurve] [--iteration N]
+// [--ip] [--section K] [--size WxH] [--contour] -o FILE.png: a results file
+// for the model views and the L-curve, a data or results file for the
+// electrode map and the mesh.
+int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
+  const std::string *out = Named_Option(opt, "-o");
+  if (opt.args.size() != 1 || !out)
+    return Usage_Error("plot needs a results file name and -o FILE.png");
+  static const char *const views[] = {"layers", "xz", "yz", "electrodes", "mesh", "lcurve"};
+  Display_Window &w = ds.Dw;
+  if (const std::string *v = Named_Option(opt, "--view")) {
+    int k = 0;
+    while (k < 6 && *v != views[k])
+      k++;
+    if (k == 6)
+      return Usage_Error("--view needs layers, xz, yz, electrodes, mesh or lcurve, not '" + *v +
+                         "'");
+    w.type_display = k;
+  }
+  auto whole = [](const std::string *t, long lo, long &out) {
+    char *end = nullptr;
+    out = t ? std::strtol(t->c_str(), &end, 10) : 0;
+    return !t || (end != t->c_str() && !*end && out >= lo);
+  };
+  long it = 0, sec = 0;
+  if (!whole(Named_Option(opt, "--iteration"), 1, it))
+    return Usage_Error("--iteration needs an iteration number from 1");
+  if (!whole(Named_Option(opt, "--section"), 1, sec))
+    return Usage_Error("--section needs a section number from 1");
+  if (const std::string *size = Named_Option(opt, "--size")) {
+    int wd = 0, ht = 0;
+    if (std::sscanf(size->c_str(), "%dx%d", &wd, &ht) != 2 || wd < 200 || ht < 150 || wd > 20000 ||
+        ht > 20000)
+      return Usage_Error("--size needs WIDTHxHEIGHT in pixels (200x150 to 20000x20000), not '" +
+                         *size + "'");
+    w.width = wd;
+    w.height = ht;
+  }
+  w.iteration = static_cast<int>(it);
+  w.first_section = sec > 0 ? static_cast<int>(sec) - 1 : 0;
+  w.quantity = Named_Option(opt, "--ip") ? DQ_IP : DQ_RESISTIVITY;
+  w.draw_type = Named_Option(opt, "--contour") ? 1 : 0;
+  const std::string &file = opt.args[0];
+  const bool results = file.size() > 4 && file.compare(file.size() - 4, 4, ".inv") == 0;
+  const bool model_view = w.type_display <= VIEW_YZ || w.type_display == VIEW_LCURVE;
+  if (model_view && !results)
+    return Usage_Error("the " + std::string(views[w.type_display]) +
+                       " view needs a results file (.inv)");
+  if (w.type_display == VIEW_MESH && results)
+    return Usage_Error("the mesh view needs a data file (.dat)");
+  if (ds.Run_Command(results ? CMD_READ_RESULTS : CMD_READ_DATA, file.c_str()))
+    return 1;
+  if (w.type_display <= VIEW_YZ &&
+      Display_Resistivity_Model_Inv_Select(ds, w.iteration, w.quantity == DQ_IP, 0))
+    return 1;
+  if (ds.Run_Command(CMD_SAVE_IMAGE, out->c_str()))
+    return 1;
+  std::printf("Picture: %s\n", out->c_str());
+  return 0;
+}
+
 // Subcommands whose work is not built yet go through their command ids, so
 // they refuse with the core's own words: the data file is read first, then
 // the command that needs it.
@@ -166,11 +228,6 @@ int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
   const std::string &s = opt.subcommand;
   if (opt.args.empty())
     return Usage_Error(s + " needs a file name");
-  if (s == "plot") {
-    if (ds.Run_Command(CMD_READ_RESULTS, opt.args[0].c_str()))
-      return 1;
-    return ds.Run_Command(CMD_SAVE_IMAGE) ? 1 : 0;
-  }
   if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
     return 1;
   return ds.Run_Command(CMD_MESH_SETTINGS) ? 1 : 0;
@@ -209,7 +266,10 @@ int main(int argc, char **argv) {
   Start_Options start;
   start.buffer_folder = opt.buffer;
   start.nthreads = opt.threads;
-  static Data_Set ds(start, Make_Cli_Front_End(state));
+  static Image_Target image;
+  Front_End fe = Make_Cli_Front_End(state);
+  Install_Image_Front_End(fe, image);
+  static Data_Set ds(start, fe);
   ds.batch_mode = 1;
   ds.Create();
   ds.First_Paint();
@@ -245,6 +305,8 @@ int main(int argc, char **argv) {
     result = Run_Invert(ds, opt);
   else if (sub == "export")
     result = Run_Export(ds, opt);
+  else if (sub == "plot")
+    result = Run_Plot(ds, opt);
   else
     result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);

@@ -152,7 +152,7 @@ const Command_Entry command_table[] = {
     {CMD_DIPOLE_FEM, G_DATA_READ, nullptr},
     {CMD_DISPLAY_MESH_TYPE, G_NONE, nullptr},
     {CMD_SHIFT_POINT_ELECS, G_NONE, nullptr},
-    {CMD_SAVE_IMAGE, G_NONE, nullptr},
+    {CMD_SAVE_IMAGE, G_NONE, Run_Save_Image},
     {CMD_EXPORT_XYZ, G_INV_READ, Run_Export_Model_List},
     {CMD_EXPORT_XYZC, G_INV_READ, Run_Export_XYZC},
     {CMD_EXPORT_VTK, G_INV_READ, Run_Export_VTK},

@@ -25,6 +25,7 @@
 #include "survey/data_filter.h"
 #include "survey/survey_state.h"
 #include "survey/vector_para.h"
+#include "ui/display_window.h"
 
 // Program version.
 constexpr int version_major = 1;
@@ -63,6 +64,7 @@ public:
   Inv_Splice Invsplice;
   L_Curve LCurve;
   Inv_Results Inv_results; // what a results file read back holds
+  Display_Window Dw;       // the pictures: view, values on show, scale, layout
 
   // Application state.
   int data_read = 0;               // 1 after a successful read of a data file

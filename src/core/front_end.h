@@ -3,6 +3,8 @@
 // The core never draws, prints or waits on its own.
 #pragma once
 
+struct Draw_Surface;
+
 enum Message_Kind : int {
   MK_WARNING = 0,     // errors and refusals (the default)
   MK_INFORMATION = 1, // reports such as "Inversion parameters saved in file..."
@@ -23,4 +25,10 @@ struct Front_End {
   int (*progress)(void *user, const char *text, double fraction) = nullptr;
   // The information beep that comes before some data messages.
   void (*beep)(void *user) = nullptr;
+  // Pictures: a white image of width x height pixels to draw on (null when
+  // the front end has none), and its saving as PNG (0 on success). Both get
+  // `image_user`.
+  void *image_user = nullptr;
+  Draw_Surface *(*image_surface)(void *user, int width, int height) = nullptr;
+  int (*image_save)(void *user, const char *path) = nullptr;
 };

@@ -181,6 +181,8 @@ void Centre_Of(const double xyz[8][3], double centre[3]) {
   }
 }
 
+} // namespace
+
 // Electrode e in user units; with `topography` at its own elevation (the
 // ground under it less its depth), else below a flat 0 level.
 void Electrode_User(const Data_Set &ds, int e, int topography, double xyz[3]) {
@@ -200,6 +202,8 @@ std::vector<int> Used_Electrodes(const Data_Set &ds) {
       used.push_back(e);
   return used;
 }
+
+namespace {
 
 // --- Block-centre tables --------------------------------------------------------------
 

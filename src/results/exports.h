@@ -41,3 +41,8 @@ int Dump_Data_Misfits_Txt(Data_Set &ds, const std::string &results_path, int ite
 // `topography`, under the survey's surface; without, below a flat 0 level).
 void Block_Centre_User(const Data_Set &ds, int block, int topography, double xyz[3]);
 void Block_Corners_User(const Data_Set &ds, int block, int topography, double xyz[8][3]);
+// Electrode e (from 0) in user units; with `topography` at its own elevation
+// (the ground under it less its depth), else below a flat 0 level.
+void Electrode_User(const Data_Set &ds, int e, int topography, double xyz[3]);
+// Electrodes of the survey that the data use.
+std::vector<int> Used_Electrodes(const Data_Set &ds);

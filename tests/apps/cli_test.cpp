@@ -110,7 +110,7 @@ TEST_F(Cli, ReadReportsAndSavesTheData) {
   EXPECT_EQ(Run("read").status, 2);
 }
 
-TEST_F(Cli, ResultsFilesExportAndUnbuiltCommandsRefuse) {
+TEST_F(Cli, ResultsFilesExportAndPlot) {
   std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
                              dir + "/x.dat");
   // A data file is no results file.
@@ -124,9 +124,20 @@ TEST_F(Cli, ResultsFilesExportAndUnbuiltCommandsRefuse) {
   EXPECT_EQ(Run("export x.inv --format vtk --iteration 2").status, 1);
   EXPECT_EQ(Run("export x.inv --format pdf").status, 2);
   EXPECT_EQ(Run("export x.inv --format xyz --iteration 0").status, 2);
+  // The last iteration's layers as a PNG, and the other views and options.
   const Run_Result r = Run("plot x.inv -o x.png");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Message: This command is not available yet."), std::string::npos);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Picture: x.png"), std::string::npos) << r.out;
+  EXPECT_EQ(Slurp(dir + "/x.png").substr(1, 3), "PNG");
+  EXPECT_EQ(Run("plot x.inv --view yz --contour --size 800x600 -o yz.png").status, 0);
+  EXPECT_EQ(Run("plot x.dat --view electrodes -o e.png").status, 0);
+  EXPECT_TRUE(std::filesystem::exists(dir + "/yz.png") && std::filesystem::exists(dir + "/e.png"));
+  EXPECT_EQ(Run("plot x.inv --view side -o s.png").status, 2);
+  EXPECT_EQ(Run("plot x.inv --size 10x10 -o s.png").status, 2);
+  EXPECT_EQ(Run("plot x.dat -o s.png").status, 2); // the sections need results
+  EXPECT_EQ(Run("plot x.inv --view mesh -o s.png").status, 2);
+  EXPECT_EQ(Run("plot x.inv").status, 2); // no -o
+  EXPECT_FALSE(std::filesystem::exists(dir + "/s.png"));
   // A file that is no data file stops at the read.
   Spit(dir + "/y.dat", "title\n");
   const Run_Result bad = Run("invert y.dat");
