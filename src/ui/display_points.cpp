@@ -103,23 +103,9 @@ int Call_DisplayPoint_Draw(Data_Set &ds, const Draw_Surface &s) {
     return 1;
   const int ht = w.htexts, hs = w.htexts - 2;
 
-  // Cell edges of the model grid (its first layer) and the extent of the map.
-  std::vector<double> ex, ey;
-  double c[8][3];
-  for (int i = 1; i <= g.nblockx; i++) {
-    Block_Corners_User(ds, g.Block_Number(i, 1, 1) - 1, 0, c);
-    ex.push_back(std::min(c[0][0], c[2][0]));
-    ex.push_back(std::max(c[0][0], c[2][0]));
-  }
-  for (int j = 1; j <= g.nblocky; j++) {
-    Block_Corners_User(ds, g.Block_Number(1, j, 1) - 1, 0, c);
-    ey.push_back(std::min(c[0][1], c[1][1]));
-    ey.push_back(std::max(c[0][1], c[1][1]));
-  }
-  std::sort(ex.begin(), ex.end());
-  ex.erase(std::unique(ex.begin(), ex.end()), ex.end());
-  std::sort(ey.begin(), ey.end());
-  ey.erase(std::unique(ey.begin(), ey.end()), ey.end());
+  // Cell edges of the model grid and the extent of the map.
+  const Cell_Edges edges = Model_Cell_Edges(ds);
+  const std::vector<double> &ex = edges.x, &ey = edges.y;
   double x0 = User_X(ds, ds.pe[0].x), x1 = x0, y0 = User_Y(ds, ds.pe[0].y), y1 = y0;
   for (int e = 0; e < n; e++) {
     x0 = std::min(x0, User_X(ds, ds.pe[e].x)), x1 = std::max(x1, User_X(ds, ds.pe[e].x));

@@ -19,13 +19,9 @@ constexpr int border = 12;      // around each panel
 constexpr int min_cell_px = 4;  // smallest cell before sections go to the next page
 constexpr int tick_gap_px = 60; // least room between axis labels
 
-// The three axes of the cells in user units: edges along x, along y and in
-// depth (nblockx + 1, nblocky + 1, nlayers + 1 values).
-struct Cell_Edges {
-  std::vector<double> x, y, z;
-};
+} // namespace
 
-Cell_Edges Edges_Of(const Data_Set &ds) {
+Cell_Edges Model_Cell_Edges(const Data_Set &ds) {
   const Model_Grid &g = ds.Model_grid;
   Cell_Edges e;
   // Along one axis: the extent of each cell of a row (axis 2 counts depth).
@@ -47,6 +43,8 @@ Cell_Edges Edges_Of(const Data_Set &ds) {
   edges(e.z, g.nlayers, 2, [&](int k) { return g.Block_Number(1, 1, k) - 1; });
   return e;
 }
+
+namespace {
 
 // Fractional cell index of v along edges (clamped to the ends).
 double Axis_Position(const std::vector<double> &edges, double v) {
@@ -308,7 +306,7 @@ void Clear_Screen_Bitmap(const Draw_Surface &s) {
 }
 
 std::string Layer_Title(const Data_Set &ds, int k) {
-  const Cell_Edges e = Edges_Of(ds);
+  const Cell_Edges e = Model_Cell_Edges(ds);
   const double top = e.z[k - 1], bottom = e.z[k];
   char t[96];
   // Layers thinner than a metre, or starting within the first 10 m, need the
@@ -334,7 +332,7 @@ int Display_Sections(Data_Set &ds, const Draw_Surface &s) {
   w.max_strlen_y = s.text_width(s.user, t, w.htexts) + 10;
   Set_Number_Display_XY(ds);
   Set_Plot_Window(ds);
-  const Cell_Edges e = Edges_Of(ds);
+  const Cell_Edges e = Model_Cell_Edges(ds);
   int ncx, ncy;
   Section_Cells(ds, ncx, ncy);
   const int p = static_cast<int>(w.npixel);

@@ -78,6 +78,13 @@ public:
   std::string status;
 };
 
+// The cells' edges in user units: along x, along y and in depth
+// (nblockx + 1, nblocky + 1, nlayers + 1 rising values).
+struct Cell_Edges {
+  std::vector<double> x, y, z;
+};
+Cell_Edges Model_Cell_Edges(const Data_Set &ds);
+
 // --- Model values ---------------------------------------------------------------
 // The iteration's values from the model binary files into ds.Dw.values
 // (resistivity, IP in mV/V, or the resolution columns by quantity); its misfit
