@@ -12,7 +12,7 @@ const char *const valued_named[] = {"-o",     "--save",    "--model",  "--noise"
                                     "--seed", "--vtk",     "--format", "--iteration",
                                     "--view", "--section", "--size"};
 // Options of single subcommands that stand alone.
-const char *const flag_named[] = {"--ip", "--contour"};
+const char *const flag_named[] = {"--ip", "--contour", "--misfit"};
 
 bool In(const char *word, const char *const *list, size_t n) {
   for (size_t i = 0; i < n; i++)
@@ -131,7 +131,7 @@ const char *Cli_Usage(const std::string &subcommand) {
          "  invert DATA.dat [-o RESULTS.inv]  invert a survey data file\n"
          "  export RESULTS.inv --format xyz|xyzc|logxyzc|vtk|misfit [--iteration N] [--ip]\n"
          "  plot FILE [--view layers|xz|yz|electrodes|mesh|lcurve] [--iteration N] [--ip]\n"
-         "       [--section K] [--size WxH] [--contour] -o FILE.png\n"
+         "       [--section K] [--size WxH] [--contour] [--misfit] -o FILE.png\n"
          "\n"
          "Options:\n"
          "  --ivp FILE        read inversion settings from an .ivp file\n"

@@ -161,7 +161,7 @@ int Run_Export(Data_Set &ds, const Cli_Options &opt) {
 }
 
 // plot FILE [--view layers|xz|yz|electrodes|mesh|lcurve] [--iteration N]
-// [--ip] [--section K] [--size WxH] [--contour] -o FILE.png: a results file
+// [--ip] [--section K] [--size WxH] [--contour] [--misfit] -o FILE.png: a results file
 // for the model views and the L-curve, a data or results file for the
 // electrode map and the mesh.
 int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
@@ -202,6 +202,7 @@ int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
   w.first_section = sec > 0 ? static_cast<int>(sec) - 1 : 0;
   w.quantity = Named_Option(opt, "--ip") ? DQ_IP : DQ_RESISTIVITY;
   w.draw_type = Named_Option(opt, "--contour") ? 1 : 0;
+  w.color_misfit = Named_Option(opt, "--misfit") ? 1 : 0;
   const std::string &file = opt.args[0];
   const bool results = file.size() > 4 && file.compare(file.size() - 4, 4, ".inv") == 0;
   const bool model_view = w.type_display <= VIEW_YZ || w.type_display == VIEW_LCURVE;
@@ -212,7 +213,10 @@ int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
     return Usage_Error("the mesh view needs a data file (.dat)");
   if (ds.Run_Command(results ? CMD_READ_RESULTS : CMD_READ_DATA, file.c_str()))
     return 1;
-  if (w.type_display <= VIEW_YZ &&
+  // The iteration's model (and, for the electrode map, its calculated data).
+  const bool iteration_needed =
+      w.type_display <= VIEW_YZ || (w.type_display == VIEW_ELECTRODES && results);
+  if (iteration_needed &&
       Display_Resistivity_Model_Inv_Select(ds, w.iteration, w.quantity == DQ_IP, 0))
     return 1;
   if (ds.Run_Command(CMD_SAVE_IMAGE, out->c_str()))

@@ -71,6 +71,35 @@ std::vector<int> Classify_Electrodes(const Data_Set &ds) {
   return cls;
 }
 
+// The mean absolute misfit (percent of log(observed / calculated)) of the
+// data that use each electrode, from the iteration read back; -1 for an
+// electrode no datum with a calculated value uses. False without calculated
+// values.
+bool Electrode_Misfits(const Data_Set &ds, std::vector<double> &misfit) {
+  const Inv_Results &r = ds.Inv_results;
+  const int n = ds.num_point_elecs, m = ds.mdata;
+  if (r.iteration_disp < 1 || static_cast<int>(r.rm_disp.size()) < m)
+    return false;
+  std::vector<double> sum(n, 0.0);
+  std::vector<int> count(n, 0);
+  for (int i = 0; i < m; i++) {
+    const double o = ds.dp[i].value, c = r.rm_disp[i];
+    if (!(o > 0.0) || !(c > 0.0))
+      continue;
+    const double y = 100.0 * std::fabs(std::log(o / c));
+    for (int e : {ds.dp[i].nc1, ds.dp[i].nc2, ds.dp[i].np1, ds.dp[i].np2})
+      if (e >= 1 && e <= n) {
+        sum[e - 1] += y;
+        count[e - 1]++;
+      }
+  }
+  misfit.assign(n, -1.0);
+  for (int e = 0; e < n; e++)
+    if (count[e] > 0)
+      misfit[e] = sum[e] / count[e];
+  return true;
+}
+
 std::string Key_Text(int c, int count) {
   char t[128];
   if (std::strstr(class_keys[c].text, "%d"))
@@ -150,7 +179,8 @@ int Call_DisplayPoint_Draw(Data_Set &ds, const Draw_Surface &s) {
       s.text_width(s.user, Axis_Number(-std::max(std::fabs(y0), std::fabs(y1)), 0.1).c_str(), hs),
       30);
   const int left = label_w + 16, top = w.heading_height + ht + 10;
-  const int right = s.width - key_w - 30, bottom = s.height - 2 * ht - 24;
+  const int misfit_band = w.color_misfit ? 2 * ht + 24 : 0; // the misfit legend's room
+  const int right = s.width - key_w - 30, bottom = s.height - 2 * ht - 24 - misfit_band;
   const double np = std::max(
       1e-6, std::min((right - left) / (x1 - x0), static_cast<double>(bottom - top) / (y1 - y0)));
   w.npixel = np;
@@ -211,6 +241,23 @@ int Call_DisplayPoint_Draw(Data_Set &ds, const Draw_Surface &s) {
   s.text(s.user, a.x + a.w / 2, a.y + a.h + 2 * hs + 14, "X (m)", black, TA_CENTRE, ht);
   s.text(s.user, 4, a.y - 8, "Y (m)", black, TA_LEFT, ht);
 
+  // With misfit colours, each used electrode takes the colour of its data's
+  // mean misfit on a scale of its own (the legend under the map).
+  std::vector<double> misfit;
+  const bool by_misfit = w.color_misfit && Electrode_Misfits(ds, misfit);
+  Contour_Scale scale = w.scale;
+  if (by_misfit) {
+    double lo = 1e30, hi = 0.0;
+    for (double v : misfit)
+      if (v >= 0.0)
+        lo = std::min(lo, v), hi = std::max(hi, v);
+    scale.auto_contours = 1;
+    scale.min_plot_value = std::max(lo, 0.01);
+    scale.max_plot_value = std::max(hi, scale.min_plot_value * 1.01);
+    scale.ncolor = 10;
+    scale.colors.clear();
+    Set_Auto_Contours(scale);
+  }
   // The electrodes: the larger subsurface marks first, so that a surface
   // electrode above a borehole stays visible inside its mark.
   for (int pass = 0; pass < 2; pass++)
@@ -218,9 +265,23 @@ int Call_DisplayPoint_Draw(Data_Set &ds, const Draw_Surface &s) {
       if ((cls[e] == EC_SUBSURFACE) != (pass == 0))
         continue;
       const int h = pass == 0 ? large_marker : small_marker;
+      const uint32_t colour = by_misfit && misfit[e] >= 0.0
+                                  ? scale.colors[Contour_Color_Index(scale, misfit[e])]
+                                  : class_keys[cls[e]].colour;
       s.fill_rect(s.user, px(User_X(ds, ds.pe[e].x)) - h, py(User_Y(ds, ds.pe[e].y)) - h, 2 * h + 1,
-                  2 * h + 1, class_keys[cls[e]].colour);
+                  2 * h + 1, colour);
     }
+  if (by_misfit) {
+    const int bw = 36, y = a.y + a.h + 2 * hs + 28;
+    for (int k = 0; k < scale.ncolor; k++) {
+      s.fill_rect(s.user, a.x + k * bw, y, bw - 2, box_h, scale.colors[k]);
+      s.text(s.user, a.x + k * bw, y + box_h + hs,
+             Format_Legend_Number(Contour_Boundary(scale, k)).c_str(), black, TA_CENTRE, hs - 1);
+    }
+    s.text(s.user, a.x + scale.ncolor * bw + 10, y + box_h - 2,
+           "Display Electrodes Misfit: mean data misfit (%) of the electrode's data", black,
+           TA_LEFT, hs);
+  }
 
   // The key.
   const int kx = std::min(a.x + a.w + 40, s.width - key_w - 14);

@@ -43,6 +43,7 @@ public:
   int quantity = DQ_RESISTIVITY;
   int extended_display = 0; // sections of the side cells too (not used by the layer grid)
   int show_electrodes = 1;  // electrodes over the layer sections
+  int color_misfit = 0;     // electrode map: electrodes coloured by their data's misfit
   int iteration = 0;        // the iteration shown (0: the last read)
   int first_section = 0;    // the first section of the page (from 0)
   int mesh_direction = 0;   // 0 x-y, 1 x-z, 2 y-z mesh slice

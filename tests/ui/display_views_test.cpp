@@ -328,3 +328,47 @@ TEST(DisplayViews, LcurveOfARunReadBack) {
     EXPECT_EQ(points, 2);
   }
 }
+
+TEST(DisplayViews, ElectrodesTakeTheColourOfTheirDataMisfit) {
+  View_Case v;
+  ASSERT_EQ(v.s.Read_Example("grid_9x14.dat"), 0);
+  Data_Set &ds = v.ds();
+  // Calculated values of an iteration: every datum fits within 1 % except
+  // those that use electrode 5, which are 50 % off.
+  Inv_Results &r = ds.Inv_results;
+  r.iteration_disp = 1;
+  r.rm_disp.assign(ds.mdata, 0.0f);
+  const int bad = 5;
+  for (int i = 0; i < ds.mdata; i++) {
+    const Data_Point &d = ds.dp[i];
+    const bool uses = d.nc1 == bad || d.nc2 == bad || d.np1 == bad || d.np2 == bad;
+    r.rm_disp[i] = d.value * (uses ? 1.5f : 1.0f + 0.01f * (i % 3) / 2.0f);
+  }
+  ds.Dw.color_misfit = 1;
+  ASSERT_EQ(v.Draw(VIEW_ELECTRODES, "electrodes_misfit"), 0);
+  EXPECT_EQ(v.rec->Count("Display Electrodes Misfit"), 1);
+  // The electrode of the bad data takes the top colour of the misfit scale
+  // (the rainbow's dark red end); one that none of them uses does not.
+  const Point_Electrode &p = ds.pe[bad - 1];
+  const uint32_t top = v.At(ds, User_X(ds, p.x), User_Y(ds, p.y));
+  EXPECT_GT((top >> 16) & 0xff, 0x60u);
+  EXPECT_LT(top & 0xff, 0x20u);
+  int far = -1;
+  for (int e = 0; e < ds.num_point_elecs && far < 0; e++) {
+    bool shared = false;
+    for (int i = 0; i < ds.mdata && !shared; i++) {
+      const Data_Point &d = ds.dp[i];
+      const bool uses_bad = d.nc1 == bad || d.nc2 == bad || d.np1 == bad || d.np2 == bad;
+      shared = uses_bad && (d.nc1 == e + 1 || d.nc2 == e + 1 || d.np1 == e + 1 || d.np2 == e + 1);
+    }
+    if (!shared && ds.pe[e].used)
+      far = e;
+  }
+  ASSERT_GE(far, 0);
+  EXPECT_NE(v.At(ds, User_X(ds, ds.pe[far].x), User_Y(ds, ds.pe[far].y)), top);
+  // Without calculated values the classes' colours stay.
+  r.iteration_disp = 0;
+  ASSERT_EQ(v.Draw(VIEW_ELECTRODES, "electrodes_plain"), 0);
+  EXPECT_EQ(v.At(ds, User_X(ds, p.x), User_Y(ds, p.y)), surface_blue);
+  EXPECT_EQ(v.rec->Count("Display Electrodes Misfit"), 0);
+}
