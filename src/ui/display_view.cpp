@@ -54,3 +54,17 @@ int Run_Save_Image(Data_Set &ds, const char *path) {
     return Refuse_Always(ds, "Message", "You must first read in a data file");
   return Save_Image_Png(ds, path);
 }
+
+int Run_Display_Model(Data_Set &ds, const char *) {
+  Display_Window &w = ds.Dw;
+  if (w.type_display > VIEW_YZ)
+    w.type_display = VIEW_LAYERS;
+  return Display_Resistivity_Model_Inv_Select(ds, w.iteration, w.quantity == DQ_IP, 0);
+}
+
+int Run_Electrode_Misfit(Data_Set &ds, const char *) {
+  Display_Window &w = ds.Dw;
+  w.type_display = VIEW_ELECTRODES;
+  w.color_misfit = 1;
+  return Display_Resistivity_Model_Inv_Select(ds, w.iteration, 0, 0);
+}

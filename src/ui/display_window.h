@@ -135,3 +135,9 @@ int Draw_Display_View(Data_Set &ds, const Draw_Surface &s);
 int Save_Image_Png(Data_Set &ds, const char *path);
 // The command: refuses without what the view needs.
 int Run_Save_Image(Data_Set &ds, const char *path);
+// Command 7050: the model sections of the iteration chosen (the last by
+// default) become the view; the front end draws them.
+int Run_Display_Model(Data_Set &ds, const char *path);
+// Command 7275: the electrode map coloured by the data misfits of the
+// iteration chosen.
+int Run_Electrode_Misfit(Data_Set &ds, const char *path);
