@@ -145,10 +145,6 @@ void Wavelet_Apply(void *c, const float *x, float *y) {
     y[i] += w.jt[i];
 }
 
-int Wavelet_Impl_Of(const Data_Set &ds) {
-  return ds.LS_method.wavelet_function_type == 1 ? WAVELET_VECTOR : WAVELET_PLAIN;
-}
-
 } // namespace
 
 void Wavelet_Scatter_Rows(const Compressed_Jacobian &cj, const float *val, const int *idx,
@@ -241,7 +237,7 @@ int Solve_Linear_CG_Wavelet(Data_Set &ds, int dataconstr, const Sparse_Upper &fp
   c.cj = &cj;
   c.val = val.data();
   c.idx = idx.data();
-  c.impl = Wavelet_Impl_Of(ds);
+  c.impl = Wavelet_Impl_Of_Setting(ds.LS_method.wavelet_function_type);
   std::vector<float> rw;
   if (Jacobian_Row_Weights(ds, dataconstr, false, rw))
     c.rw = rw.data();

@@ -257,8 +257,7 @@ int RHS_From_Compressed_Jacobian(Data_Set &ds, const double *d, double *ca) {
   std::fclose(fi);
   if (ierr)
     return ierr;
-  Wavelet_Acc_To_Model(cj, total,
-                       ds.LS_method.wavelet_function_type == 1 ? WAVELET_VECTOR : WAVELET_PLAIN,
+  Wavelet_Acc_To_Model(cj, total, Wavelet_Impl_Of_Setting(ds.LS_method.wavelet_function_type),
                        model.data());
   for (int64_t j = 0; j < n; j++)
     ca[j] = model[j];

@@ -30,10 +30,6 @@ int64_t File_Bytes(const std::string &path) {
   return static_cast<int64_t>(st.st_size);
 }
 
-int Wavelet_Impl_Of(const Data_Set &ds) {
-  return ds.LS_method.wavelet_function_type == 1 ? WAVELET_VECTOR : WAVELET_PLAIN;
-}
-
 // Reads n values from f; 0 or 1 on a short read.
 template <class T> int Read_Whole(FILE *f, T *p, int64_t n) {
   const int64_t chunk = 1 << 24;
@@ -127,7 +123,7 @@ int Compress_Jacobian_File_Block_Inv(Data_Set &ds, Compressed_Jacobian &cj, Comp
                                      const float *r1, FILE *fval, FILE *fidx) {
   const int n = cj.nmodel;
   const int64_t n2 = cj.n2, stride = n2 + 2;
-  const int impl = Wavelet_Impl_Of(ds);
+  const int impl = Wavelet_Impl_Of_Setting(ds.LS_method.wavelet_function_type);
   const double cut = ds.LS_method.cut_off;
   const double pct = 100.0 * first_row / std::max(cj.mdata, 1);
   Progress_Text(ds, pct / 100.0, "Compressing Jacobian Matrix %.2f%% C%s", pct,

@@ -12,6 +12,7 @@
 #include "core/trace.h"
 #include "jacobian/jacobian.h"
 #include "jacobian/jacobian_compression.h"
+#include "jacobian/wavelet.h"
 #include "survey/survey_text.h"
 
 // Shared with the half-space road (half_space_jacobian.cpp).
@@ -48,7 +49,8 @@ int Compressed_Row(Data_Set &ds, int i, FILE *fv, FILE *fi, std::vector<float> &
   w.assign(2 * n2, 0.0f);
   for (int64_t k = 0; k < count; k++)
     w[idx[k]] = val[k];
-  Wavelet_Row_To_Model(cj, w.data(), w.data() + n2, ds.LS_method.wavelet_function_type, row);
+  Wavelet_Row_To_Model(cj, w.data(), w.data() + n2,
+                       Wavelet_Impl_Of_Setting(ds.LS_method.wavelet_function_type), row);
   return 0;
 }
 

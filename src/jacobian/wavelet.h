@@ -11,6 +11,12 @@
 // results, bit for bit.
 enum Wavelet_Impl : int { WAVELET_PLAIN = 0, WAVELET_VECTOR = 1 };
 
+// The implementation the setting "Type of function for wavelet compression
+// calculations" names: 1 the vectorised one, anything else the plain one.
+inline int Wavelet_Impl_Of_Setting(int wavelet_function_type) {
+  return wavelet_function_type == 1 ? WAVELET_VECTOR : WAVELET_PLAIN;
+}
+
 // The smallest power of two not below n (at least 1): a row's length in the
 // wavelet domain.
 int64_t Wavelet_Length(int64_t n);
