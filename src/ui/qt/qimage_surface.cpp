@@ -9,7 +9,11 @@
 #include <QPainter>
 #include <QPen>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
+#include <string>
 
 namespace {
 
@@ -24,6 +28,14 @@ int Ensure_Gui_Application() {
     return 0;
   if (!std::getenv("QT_QPA_PLATFORM") && !std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY"))
     qputenv("QT_QPA_PLATFORM", "offscreen");
+  // A batch session has no runtime folder; Qt would make this one and say so
+  // on every run.
+  if (!std::getenv("XDG_RUNTIME_DIR")) {
+    const std::string dir = "/tmp/runtime-" + std::to_string(getuid());
+    struct stat st;
+    if (stat(dir.c_str(), &st) == 0 || mkdir(dir.c_str(), 0700) == 0)
+      setenv("XDG_RUNTIME_DIR", dir.c_str(), 0);
+  }
   static int argc = 1;
   static char name[] = "ohmvol3d";
   static char *argv[] = {name, nullptr};
