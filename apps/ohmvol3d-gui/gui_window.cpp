@@ -144,10 +144,11 @@ Front_End Gui_Window::Window_Front_End(Gui_Window *w) {
   return fe;
 }
 
-Gui_Window::Gui_Window(const char *data_file) : first_file(data_file ? data_file : "") {
+Gui_Window::Gui_Window(const char *data_file, const Start_Options &start)
+    : first_file(data_file ? data_file : "") {
   Front_End fe = Window_Front_End(this);
   Install_Image_Front_End(fe, image);
-  ds = std::make_unique<Data_Set>(Start_Options(), fe);
+  ds = std::make_unique<Data_Set>(start, fe);
   pages = new QStackedWidget(this);
   panel = new QListWidget(pages);
   panel->setFont(QFont(QStringLiteral("DejaVu Sans Mono"), 9));

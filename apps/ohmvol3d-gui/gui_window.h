@@ -10,6 +10,7 @@
 #include <string>
 
 #include "core/front_end.h"
+#include "core/system_config.h"
 #include "ui/qt/qimage_surface.h"
 
 class Data_Set;
@@ -23,8 +24,9 @@ class Picture_View;
 class Gui_Window : public QMainWindow {
 public:
   // `data_file`: the data file named on the command line (may be null),
-  // read with command 201 at first paint.
-  explicit Gui_Window(const char *data_file);
+  // read with command 201 at first paint; `start`: the folders and limits
+  // of the session.
+  explicit Gui_Window(const char *data_file, const Start_Options &start = Start_Options());
   ~Gui_Window() override;
 
   Data_Set &Ds() { return *ds; }

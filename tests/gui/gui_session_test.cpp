@@ -55,7 +55,11 @@ TEST(GuiSession, ReadInvertStopDisplayAndSave) {
   const std::string dir = Work_Folder();
   const std::string data = dir + "/grid_9x14.dat";
   std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat", data);
-  Gui_Window w(data.c_str());
+  // The session's settings and temporary files stay in the work folder.
+  Start_Options start;
+  start.config_folder = dir + "/";
+  start.buffer_folder = dir + "/";
+  Gui_Window w(data.c_str(), start);
   Data_Set &ds = w.Ds();
   w.Set_Boxes(0); // no modal boxes in the script
   w.resize(1280, 900);
