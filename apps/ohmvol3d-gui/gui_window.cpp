@@ -17,6 +17,7 @@
 #include "core/commands.h"
 #include "core/data_set.h"
 #include "picture_view.h"
+#include "settings_dialog.h"
 #include "ui/display_window.h"
 
 namespace {
@@ -271,6 +272,10 @@ int Gui_Window::Run_Menu_Command(int id, const char *path) {
     close();
     return 0;
   }
+  // The settings dialogs are the window's own: their values go straight to
+  // the settings.
+  if (!Dialog_Titles_Of(id).empty())
+    return Run_Settings_Dialog(this, *ds, id) == 1 ? 0 : -1;
   const bool picture_before = Showing_Picture();
   if (id != CMD_SAVE_IMAGE) {
     panel->clear();

@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QDialog>
+#include <QDialogButtonBox>
 #include <QImage>
 #include <QKeyEvent>
+#include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
 #include <QTimer>
@@ -18,8 +21,11 @@
 
 #include "core/commands.h"
 #include "core/data_set.h"
+#include "core/ivp_file.h"
+#include "core/settings_table.h"
 #include "gui_window.h"
 #include "picture_view.h"
+#include "settings_dialog.h"
 #include "ui/display_window.h"
 
 namespace {
@@ -114,6 +120,74 @@ TEST(GuiSession, ReadInvertStopDisplayAndSave) {
   QImage saved(QString::fromStdString(png));
   ASSERT_FALSE(saved.isNull());
   EXPECT_GT(Coloured_Pixels(saved), 1000);
+  std::filesystem::remove_all(dir);
+}
+
+// Every settings dialog shows the present values; OK refuses a value out of
+// its bounds and keeps the dialog open; Cancel changes nothing.
+TEST(GuiSession, SettingsDialogsShowCheckAndCancel) {
+  const std::string dir = Work_Folder();
+  Start_Options start;
+  start.config_folder = dir + "/";
+  start.buffer_folder = dir + "/";
+  Gui_Window w(nullptr, start);
+  Data_Set &ds = w.Ds();
+  struct Probe {
+    Data_Set *ds;
+    int fields = 0, wrong = 0;
+  } probe{&ds};
+  const int commands[] = {CMD_LAYER_THICKNESS,  CMD_REDUCE_SIDE,         CMD_DAMPING,
+                          CMD_DIAGONAL_FILTERS, CMD_ADJUST_DAMPING_SENS, CMD_RESISTIVITY_RANGE,
+                          CMD_REFERENCE_MODEL,  CMD_ITERATIONS,          CMD_LNORM,
+                          CMD_LS_SOLVER,        CMD_APPRES_INV,          CMD_MESH_SETTINGS,
+                          CMD_FEM_SOLVER,       CMD_JACOBIAN_OPTIONS};
+  for (int id : commands) {
+    const int before = probe.fields;
+    EXPECT_EQ(Run_Settings_Dialog(
+                  &w, ds, id,
+                  [](QDialog &d, void *u) {
+                    Probe &p = *static_cast<Probe *>(u);
+                    for (QLineEdit *e : d.findChildren<QLineEdit *>()) {
+                      const Setting_Entry *s = Find_Setting(e->objectName().toUtf8().constData());
+                      p.fields++;
+                      p.wrong += !s || e->text().toStdString() != Format_Setting_Value(*p.ds, *s) ||
+                                 e->maxLength() != 15;
+                    }
+                    d.reject();
+                  },
+                  &probe),
+              0)
+        << id;
+    EXPECT_GT(probe.fields, before) << "command " << id << " shows no setting";
+  }
+  EXPECT_EQ(probe.wrong, 0);
+  EXPECT_EQ(Run_Settings_Dialog(&w, ds, CMD_INVERT), -1);
+
+  // The iterations: -3 is out of range and refused, 5 is written; Cancel
+  // after an edit leaves the value.
+  struct Edit {
+    const char *text;
+    bool ok;
+  };
+  auto edit_nit = [](QDialog &d, void *u) {
+    const Edit &e = *static_cast<Edit *>(u);
+    d.findChild<QLineEdit *>("nit")->setText(e.text);
+    if (e.ok)
+      QMetaObject::invokeMethod(d.findChild<QDialogButtonBox *>(), "accepted");
+    else
+      d.reject();
+  };
+  const int old = ds.LS_method.nit;
+  Edit bad{"-3", true}, good{"5", true}, cancelled{"7", false};
+  EXPECT_EQ(Run_Settings_Dialog(&w, ds, CMD_ITERATIONS, edit_nit, &bad), 0);
+  EXPECT_NE(Last_Settings_Refusal().find("The value must be a whole number from"),
+            std::string::npos)
+      << Last_Settings_Refusal();
+  EXPECT_EQ(ds.LS_method.nit, old);
+  EXPECT_EQ(Run_Settings_Dialog(&w, ds, CMD_ITERATIONS, edit_nit, &good), 1);
+  EXPECT_EQ(ds.LS_method.nit, 5);
+  EXPECT_EQ(Run_Settings_Dialog(&w, ds, CMD_ITERATIONS, edit_nit, &cancelled), 0);
+  EXPECT_EQ(ds.LS_method.nit, 5);
   std::filesystem::remove_all(dir);
 }
 
