@@ -12,6 +12,7 @@
 #include <QStackedWidget>
 #include <QStatusBar>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "core/commands.h"
@@ -96,6 +97,19 @@ const Menu_Entry menu_entries[] = {
     {4, "&Select Resistivity or IP L-curves", CMD_LCURVE_SELECT, CH_NONE},
     {5, "&Program Info", CMD_PROGRAM_INFO, CH_NONE},
 };
+
+// Caption, filter and kind of each chooser, by Chooser.
+struct File_Chooser {
+  const char *caption, *filter;
+  bool save;
+};
+const File_Chooser choosers[] = {
+    {"", "", false},
+    {"Read data file", "Data files (*.dat)", false},
+    {"Read file with inverse model", "Inversion files (*.inv)", false},
+    {"Save inversion parameters file", "Inversion parameters (*.ivp)", true},
+    {"Read inversion parameters file", "Inversion parameters (*.ivp)", false},
+    {"Save screen image", "PNG (*.png)", true}};
 
 const char *const stop_idle = "    Next", *const stop_armed = "Exit Next";
 
@@ -243,27 +257,9 @@ int Gui_Window::Run_Menu_Command(int id, const char *path) {
     if (e.id == id)
       chooser = e.chooser;
   if (!path && chooser != CH_NONE) {
-    QString f;
-    switch (chooser) {
-    case CH_OPEN_DATA:
-      f = QFileDialog::getOpenFileName(this, "Read data file", QString(), "Data files (*.dat)");
-      break;
-    case CH_OPEN_INV:
-      f = QFileDialog::getOpenFileName(this, "Read file with inverse model", QString(),
-                                       "Inversion files (*.inv)");
-      break;
-    case CH_SAVE_IVP:
-      f = QFileDialog::getSaveFileName(this, "Save inversion parameters file", QString(),
-                                       "Inversion parameters (*.ivp)");
-      break;
-    case CH_OPEN_IVP:
-      f = QFileDialog::getOpenFileName(this, "Read inversion parameters file", QString(),
-                                       "Inversion parameters (*.ivp)");
-      break;
-    case CH_SAVE_PNG:
-      f = QFileDialog::getSaveFileName(this, "Save screen image", QString(), "PNG (*.png)");
-      break;
-    }
+    const File_Chooser &c = choosers[chooser];
+    const QString f = c.save ? QFileDialog::getSaveFileName(this, c.caption, QString(), c.filter)
+                             : QFileDialog::getOpenFileName(this, c.caption, QString(), c.filter);
     if (f.isEmpty())
       return -1;
     chosen = f.toStdString();
