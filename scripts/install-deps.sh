@@ -11,6 +11,7 @@ packages=(
   qt6-base-dev
   libgtest-dev
   python3-vtk9
+  xvfb xauth
 )
 
 missing=()

@@ -3,14 +3,14 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QFileDialog>
-#include <QLabel>
 #include <QListWidget>
 #include <QMenuBar>
 #include <QMessageBox>
-#include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QStackedWidget>
 #include <QStatusBar>
+#include <QTimer>
 
 #include <algorithm>
 #include <cstdio>
@@ -19,7 +19,9 @@
 #include "core/data_set.h"
 #include "picture_view.h"
 #include "settings_dialog.h"
+#include "status_window.h"
 #include "ui/display_window.h"
+#include "ui/settings_form.h"
 
 namespace {
 
@@ -30,7 +32,7 @@ enum Chooser : int {
   CH_OPEN_INV,
   CH_SAVE_IVP,
   CH_OPEN_IVP,
-  CH_SAVE_PNG
+  CH_SAVE_IMAGE
 };
 
 struct Menu_Entry {
@@ -38,6 +40,7 @@ struct Menu_Entry {
   const char *text;
   int id;
   int chooser;
+  const char *keys = nullptr; // the entry's accelerator, besides its & letter
 };
 
 const char *const menu_titles[] = {"&File",    "&Change Settings", "&Inversion",
@@ -45,7 +48,7 @@ const char *const menu_titles[] = {"&File",    "&Change Settings", "&Inversion",
 
 // The main menu in its order: every entry sends its command id.
 const Menu_Entry menu_entries[] = {
-    {0, "&Read data file", CMD_READ_DATA, CH_OPEN_DATA},
+    {0, "&Read data file", CMD_READ_DATA, CH_OPEN_DATA, "Ctrl+O"},
     {0, "&Save data file after reading", CMD_SAVE_SORTED, CH_NONE},
     {0, "Set &buffer drive", CMD_BUFFER_FOLDER, CH_NONE},
     {0, "&Methods to handle data points with large geometric factors", CMD_GEOMETRIC_FILTER,
@@ -53,7 +56,7 @@ const Menu_Entry menu_entries[] = {
     {0, "&Filter data points with large geometric factor relative errors", CMD_FILTER_GEOM_ERRORS,
      CH_NONE},
     {0, "&Trace program execution", CMD_TRACE, CH_NONE},
-    {0, "E&xit", CMD_EXIT, CH_NONE},
+    {0, "E&xit", CMD_EXIT, CH_NONE, "Ctrl+Q"},
     {1, "&Modify thickness of layers", CMD_LAYER_THICKNESS, CH_NONE},
     {1, "&Reduce effect of side blocks", CMD_REDUCE_SIDE, CH_NONE},
     {1, "&Set depths of layers", CMD_LAYER_DEPTHS, CH_NONE},
@@ -75,13 +78,13 @@ const Menu_Entry menu_entries[] = {
     {1, "&Jacobian calculation options", CMD_JACOBIAN_OPTIONS, CH_NONE},
     {1, "I.P. &options", CMD_IP_OPTIONS, CH_NONE},
     {1, "I.P. &inversion sequence", CMD_IP_SEQUENCE, CH_NONE},
-    {2, "&Data set inversion", CMD_INVERT, CH_NONE},
+    {2, "&Data set inversion", CMD_INVERT, CH_NONE, "Ctrl+I"},
     {2, "&Resistivity VOI inversion", CMD_VOI_RESISTIVITY, CH_NONE},
     {2, "&IP VOI inversion", CMD_VOI_IP, CH_NONE},
     {2, "Save inversion parameters", CMD_SAVE_IVP, CH_SAVE_IVP},
     {2, "Read inversion parameters", CMD_READ_IVP, CH_OPEN_IVP},
     {2, "Test wavelet transforms", CMD_TEST_WAVELETS, CH_NONE},
-    {3, "&Read file with inverse model", CMD_READ_RESULTS, CH_OPEN_INV},
+    {3, "&Read file with inverse model", CMD_READ_RESULTS, CH_OPEN_INV, "Ctrl+M"},
     {3, "Display &model", CMD_DISPLAY_MODEL, CH_NONE},
     {3, "Display model grid and &electrodes", CMD_ELECTRODE_MISFIT, CH_NONE},
     {3, "&Save model in XYZ format", CMD_EXPORT_XYZ, CH_NONE},
@@ -89,7 +92,7 @@ const Menu_Entry menu_entries[] = {
     {3, "Save model in &VTK format", CMD_EXPORT_VTK, CH_NONE},
     {3, "Output data misfits in text file", CMD_EXPORT_MISFIT, CH_NONE},
     {3, "&Calculate VOI from inv files", CMD_VOI_FROM_FILES, CH_NONE},
-    {3, "&Save screen image", CMD_SAVE_IMAGE, CH_SAVE_PNG},
+    {3, "&Save screen image", CMD_SAVE_IMAGE, CH_SAVE_IMAGE, "Ctrl+S"},
     {4, "&Calculate L-curve numerical", CMD_LCURVE_NUMERICAL, CH_NONE},
     {4, "Calculate L-curve &analytical", CMD_LCURVE_ANALYTICAL, CH_NONE},
     {4, "&Reject L-curve points", CMD_LCURVE_REJECT, CH_NONE},
@@ -109,7 +112,14 @@ const File_Chooser choosers[] = {
     {"Read file with inverse model", "Inversion files (*.inv)", false},
     {"Save inversion parameters file", "Inversion parameters (*.ivp)", true},
     {"Read inversion parameters file", "Inversion parameters (*.ivp)", false},
-    {"Save screen image", "PNG (*.png)", true}};
+    {"Save screen image", "", true}};
+
+// The screen image's types, the ini's "Graphics file type" first: PNG for
+// "png", a bitmap for the rest.
+QString Image_Filters(int graphics_type) {
+  const QString png = "PNG (*.png)", bmp = "Bitmap (*.bmp)";
+  return graphics_type == 2 ? png + ";;" + bmp : bmp + ";;" + png;
+}
 
 const char *const stop_idle = "    Next", *const stop_armed = "Exit Next";
 
@@ -118,6 +128,17 @@ QString Program_Title() {
 }
 
 } // namespace
+
+std::string Command_Line_File(int argc, char **argv) {
+  std::string line;
+  for (int i = 1; i < argc; i++)
+    line += std::string(i > 1 ? " " : "") + argv[i];
+  const size_t first = line.find_first_not_of(' '), last = line.find_last_not_of(' ');
+  if (first == std::string::npos)
+    return {};
+  line = line.substr(first, last - first + 1);
+  return line.size() <= 254 ? line : std::string();
+}
 
 Front_End Gui_Window::Window_Front_End(Gui_Window *w) {
   Front_End fe;
@@ -149,8 +170,7 @@ Front_End Gui_Window::Window_Front_End(Gui_Window *w) {
   };
   fe.progress = [](void *u, const char *text, double fraction) {
     auto *g = static_cast<Gui_Window *>(u);
-    g->status->setText(QString::fromUtf8(text));
-    g->bar->setValue(static_cast<int>(1000.0 * std::clamp(fraction, 0.0, 1.0)));
+    g->status->Set_Status(QString::fromUtf8(text), fraction);
     // The pump: menus, the stop box and repaints stay live during long work.
     QCoreApplication::processEvents();
     return g->quit_asked;
@@ -171,18 +191,14 @@ Gui_Window::Gui_Window(const char *data_file, const Start_Options &start)
   pages->addWidget(panel);
   pages->addWidget(picture);
   setCentralWidget(pages);
-  status = new QLabel(this);
-  bar = new QProgressBar(this);
-  bar->setRange(0, 1000);
-  bar->setTextVisible(false);
-  bar->setMaximumWidth(300);
+  status = new Status_Window(this);
   stop = new QPushButton(stop_idle, this);
+  stop->setFixedWidth(90);
   // The stop box: a click arms the stop at the next iteration, another disarms it.
   connect(stop, &QPushButton::clicked, this, [this]() {
     ds->exit_next = !ds->exit_next;
     stop->setText(ds->exit_next ? stop_armed : stop_idle);
   });
-  statusBar()->addWidget(bar);
   statusBar()->addWidget(status, 1);
   statusBar()->addPermanentWidget(stop);
   Build_Menus();
@@ -200,6 +216,8 @@ void Gui_Window::Build_Menus() {
     menus[k] = menuBar()->addMenu(menu_titles[k]);
   for (const Menu_Entry &e : menu_entries) {
     QAction *a = menus[e.menu]->addAction(QString::fromUtf8(e.text));
+    if (e.keys)
+      a->setShortcut(QKeySequence(QString::fromUtf8(e.keys)));
     const int id = e.id;
     connect(a, &QAction::triggered, this, [this, id]() { Run_Menu_Command(id); });
   }
@@ -207,12 +225,24 @@ void Gui_Window::Build_Menus() {
 
 void Gui_Window::showEvent(QShowEvent *e) {
   QMainWindow::showEvent(e);
-  if (first_paint_done)
+  if (first_paint_started)
     return;
-  first_paint_done = true;
-  ds->First_Paint();
+  first_paint_started = true;
+  // After the window has painted once: a message box of the first paint
+  // (a short buffer folder, a read error) then stands over the window.
+  QTimer::singleShot(0, this, [this]() { First_Paint(); });
+}
+
+void Gui_Window::First_Paint() {
+  // The report names the screen the window is on.
+  if (const QScreen *screen = this->screen()) {
+    ds->System_config.screen_width = screen->size().width();
+    ds->System_config.screen_height = screen->size().height();
+  }
+  ds->First_Paint(1);
   if (!first_file.empty())
     Run_Menu_Command(CMD_READ_DATA, first_file.c_str());
+  first_paint_done = true;
 }
 
 void Gui_Window::closeEvent(QCloseEvent *e) {
@@ -237,10 +267,9 @@ int Gui_Window::Showing_Picture() const {
 }
 
 void Gui_Window::Set_Title() {
-  QString t = Program_Title();
-  if (ds->mdata > 10 || ds->inv_read == 1)
-    t += " - " + QString::fromStdString(ds->file_names.data_file);
-  setWindowTitle(t);
+  // Only a read of more than 10 data points names its file in the title.
+  if (ds->mdata > 10)
+    setWindowTitle(Program_Title() + " - " + QString::fromStdString(ds->file_names.data_file));
 }
 
 int Gui_Window::Run_Menu_Command(int id, const char *path) {
@@ -258,10 +287,18 @@ int Gui_Window::Run_Menu_Command(int id, const char *path) {
       chooser = e.chooser;
   if (!path && chooser != CH_NONE) {
     const File_Chooser &c = choosers[chooser];
-    const QString f = c.save ? QFileDialog::getSaveFileName(this, c.caption, QString(), c.filter)
-                             : QFileDialog::getOpenFileName(this, c.caption, QString(), c.filter);
+    const QString filter = chooser == CH_SAVE_IMAGE
+                               ? Image_Filters(ds->System_config.Ini.graphics_type)
+                               : QString(c.filter);
+    QString selected;
+    QString f = c.save
+                    ? QFileDialog::getSaveFileName(this, c.caption, QString(), filter, &selected)
+                    : QFileDialog::getOpenFileName(this, c.caption, QString(), filter, &selected);
     if (f.isEmpty())
       return -1;
+    if (chooser == CH_SAVE_IMAGE && !f.endsWith(".png", Qt::CaseInsensitive) &&
+        !f.endsWith(".bmp", Qt::CaseInsensitive))
+      f += selected.startsWith("PNG") ? ".png" : ".bmp";
     chosen = f.toStdString();
   }
   if (id == CMD_EXIT) {
@@ -269,9 +306,14 @@ int Gui_Window::Run_Menu_Command(int id, const char *path) {
     return 0;
   }
   // The settings dialogs are the window's own: their values go straight to
-  // the settings.
-  if (!Dialog_Titles_Of(id).empty())
-    return Run_Settings_Dialog(this, *ds, id) == 1 ? 0 : -1;
+  // the settings. The model and mesh settings then rebuild the model of the
+  // data read.
+  if (!Dialog_Titles_Of(id).empty()) {
+    if (Run_Settings_Dialog(this, *ds, id) != 1)
+      return -1;
+    if (id != CMD_LAYER_THICKNESS && id != CMD_MESH_SETTINGS)
+      return 0;
+  }
   const bool picture_before = Showing_Picture();
   if (id != CMD_SAVE_IMAGE) {
     panel->clear();
@@ -284,8 +326,9 @@ int Gui_Window::Run_Menu_Command(int id, const char *path) {
   running = 0;
   ds->exit_next = 0;
   stop->setText(stop_idle);
-  bar->setValue(0);
-  Set_Title();
+  status->Set_Status(status->Text(), 0.0);
+  if (id == CMD_READ_DATA)
+    Set_Title();
   if (id == CMD_SAVE_IMAGE)
     Show_Picture(picture_before);
   else if (ierr == 0 && (id == CMD_READ_RESULTS || id == CMD_DISPLAY_MODEL))

@@ -1,6 +1,7 @@
-// ohmvol3d-gui: the desktop program. One main window; an optional data file
+// ohmvol3d-gui: the desktop program. One main window, maximised; a data file
 // named on the command line is read when the window is first shown.
 #include <QApplication>
+#include <QScreen>
 
 #include "core/cpu_info.h"
 #include "gui_window.h"
@@ -8,7 +9,11 @@
 int main(int argc, char **argv) {
   Select_Blas_Kernel(argv);
   QApplication app(argc, argv);
-  Gui_Window w(argc > 1 ? argv[1] : nullptr);
+  const std::string file = Command_Line_File(argc, argv);
+  Gui_Window w(file.empty() ? nullptr : file.c_str());
+  // The screen's size first: without a window manager nothing maximises.
+  if (const QScreen *screen = QGuiApplication::primaryScreen())
+    w.setGeometry(screen->availableGeometry());
   w.showMaximized();
   return app.exec();
 }

@@ -1,5 +1,7 @@
 #include "settings_dialog.h"
 
+#include <QButtonGroup>
+#include <QCheckBox>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QFormLayout>
@@ -7,74 +9,68 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QRadioButton>
 #include <QVBoxLayout>
 
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <vector>
 
-#include "core/commands.h"
 #include "core/data_set.h"
 #include "core/ivp_file.h"
 #include "core/settings_table.h"
+#include "ui/settings_form.h"
 
 namespace {
 
-struct Command_Dialogs {
-  int command;
-  std::vector<const char *> titles;
-};
-
-// The settings dialogs of the main menu's commands, by the titles of the
-// settings table.
-const Command_Dialogs command_dialogs[] = {
-    {CMD_LAYER_THICKNESS, {"Change model discretization parameters"}},
-    {CMD_REDUCE_SIDE, {"Reduce effect of side blocks"}},
-    {CMD_DAMPING,
-     {"Set roughness filters and damping factors", "Set damping factors",
-      "Choose vertical-to-horizontal roughness filter ratio", "Increase damping factor with depth",
-      "Use combined Marquardt and Occam inversion"}},
-    {CMD_DIAGONAL_FILTERS, {"Diagonal filters options"}},
-    {CMD_ADJUST_DAMPING_SENS,
-     {"Reduce resistivity changes near electrodes using sensitivity values",
-      "Reduce resistivity changes near electrodes using approximate resolution values"}},
-    {CMD_RESISTIVITY_RANGE,
-     {"Limit range of model resistivity values",
-      "Use barrier function method to limit range of model resistivity values"}},
-    {CMD_REFERENCE_MODEL, {"Use reference model"}},
-    {CMD_ITERATIONS,
-     {"Number of iterations and convergence settings", "Add additional iterations"}},
-    {CMD_LNORM, {"Select robust inversion"}},
-    {CMD_LS_SOLVER, {"Type of method to solve least-squares equation"}},
-    {CMD_APPRES_INV, {"Use logarithm of apparent resistivity"}},
-    {CMD_MESH_SETTINGS, {"Finite-element mesh settings"}},
-    {CMD_FEM_SOLVER, {"Type of numerical solver for finite-element calculations"}},
-    {CMD_JACOBIAN_OPTIONS, {"Jacobian calculation options"}},
-};
-
-struct Row {
+struct Edit_Row {
   const Setting_Entry *e;
   QLineEdit *edit;
 };
 
+// A radio group or check box: the value it had when the dialog opened.
+struct Choice_Row {
+  const Setting_Entry *e;
+  std::string kept;
+};
+
 std::string last_refusal;
 
-// The caption as one line (the table's captions may hold line breaks).
-QString Caption(const char *c) {
-  return QString::fromUtf8(c).replace('\n', ' ').trimmed();
+void Add_Choice_Control(QDialog &dialog, Data_Set &ds, const Setting_Entry &e, QWidget *box,
+                        QFormLayout *form, std::vector<Setting_Choice> &choices, int kind) {
+  const QString text = QString::fromStdString(Setting_Form_Text(e));
+  const int now = std::atoi(Format_Setting_Value(ds, e).c_str());
+  const Setting_Entry *pe = &e;
+  Data_Set *pds = &ds;
+  if (kind == CT_CHECK) {
+    auto *check = new QCheckBox(text, box);
+    check->setObjectName(QString::fromUtf8(e.key));
+    check->setChecked(now != 0);
+    QObject::connect(check, &QCheckBox::toggled, &dialog,
+                     [pds, pe](bool on) { Set_Setting_Text(*pds, *pe, on ? "1" : "0"); });
+    form->addRow(check);
+    return;
+  }
+  auto *group_box = new QGroupBox(text, box);
+  group_box->setObjectName(QString::fromUtf8(e.key));
+  auto *column = new QVBoxLayout(group_box);
+  auto *group = new QButtonGroup(group_box);
+  for (const Setting_Choice &c : choices) {
+    auto *b = new QRadioButton(QString::fromStdString(c.label), group_box);
+    group->addButton(b, c.value);
+    b->setChecked(c.value == now);
+    column->addWidget(b);
+  }
+  QObject::connect(group, &QButtonGroup::idClicked, &dialog, [pds, pe](int value) {
+    Set_Setting_Text(*pds, *pe, std::to_string(value).c_str());
+  });
+  form->addRow(group_box);
 }
 
 } // namespace
 
 const std::string &Last_Settings_Refusal() {
   return last_refusal;
-}
-
-std::vector<const char *> Dialog_Titles_Of(int command) {
-  for (const Command_Dialogs &d : command_dialogs)
-    if (d.command == command)
-      return d.titles;
-  return {};
 }
 
 int Run_Settings_Dialog(QWidget *parent, Data_Set &ds, int command,
@@ -85,7 +81,8 @@ int Run_Settings_Dialog(QWidget *parent, Data_Set &ds, int command,
   QDialog dialog(parent);
   dialog.setWindowTitle(QString::fromUtf8(titles[0]));
   auto *layout = new QVBoxLayout(&dialog);
-  std::vector<Row> rows;
+  std::vector<Edit_Row> edits;
+  std::vector<Choice_Row> kept;
   for (const char *title : titles) {
     QGroupBox *box = nullptr;
     QFormLayout *form = nullptr;
@@ -98,45 +95,49 @@ int Run_Settings_Dialog(QWidget *parent, Data_Set &ds, int command,
         form = new QFormLayout(box);
         layout->addWidget(box);
       }
+      std::vector<Setting_Choice> choices;
+      const int kind = Setting_Control(e, choices);
+      if (kind != CT_EDIT) {
+        kept.push_back({&e, Format_Setting_Value(ds, e)});
+        Add_Choice_Control(dialog, ds, e, box, form, choices, kind);
+        continue;
+      }
       auto *edit = new QLineEdit(QString::fromStdString(Format_Setting_Value(ds, e)), box);
-      edit->setMaxLength(15);
+      edit->setMaxLength(edit_box_limit);
       edit->setObjectName(QString::fromUtf8(e.key));
-      auto *label = new QLabel(Caption(e.caption), box);
+      auto *label = new QLabel(QString::fromStdString(Setting_Form_Text(e)), box);
       label->setWordWrap(true);
       form->addRow(label, edit);
-      rows.push_back({&e, edit});
+      edits.push_back({&e, edit});
     }
   }
   auto *buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
   layout->addWidget(buttons);
   QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+  // Cancel, Escape or the close box: the radio groups and check boxes get
+  // back the values they had.
+  QObject::connect(&dialog, &QDialog::rejected, &dialog, [&]() {
+    for (const Choice_Row &k : kept)
+      Set_Setting_Text(ds, *k.e, k.kept.c_str());
+  });
   QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, [&]() {
     // Every value is checked before any is written.
-    for (const Row &r : rows) {
-      const std::string text = r.edit->text().trimmed().toStdString();
-      char *end = nullptr;
-      const double v = std::strtod(text.c_str(), &end);
-      const bool number = !text.empty() && end && *end == '\0';
-      const bool whole =
-          r.e->kind == SK_REAL || v == static_cast<double>(static_cast<long long>(v));
-      if (!number || !whole || v < r.e->lo || v > r.e->hi) {
-        const QString why = QString("%1\nThe value must be %2 from %3 to %4.")
-                                .arg(Caption(r.e->caption))
-                                .arg(r.e->kind == SK_REAL ? "a number" : "a whole number")
-                                .arg(r.e->lo)
-                                .arg(r.e->hi);
-        last_refusal = why.toStdString();
-        if (!script)
-          QMessageBox::warning(&dialog, "Message", why);
-        r.edit->setFocus();
-        return;
-      }
+    for (const Edit_Row &r : edits) {
+      std::string why;
+      if (Check_Setting_Text(*r.e, r.edit->text().toUtf8().constData(), why) == 0)
+        continue;
+      last_refusal = why;
+      if (!script)
+        QMessageBox::warning(&dialog, "Message", QString::fromStdString(why));
+      r.edit->setFocus();
+      return;
     }
-    for (const Row &r : rows)
+    for (const Edit_Row &r : edits)
       Set_Setting_Text(ds, *r.e, r.edit->text().trimmed().toUtf8().constData());
     dialog.accept();
   });
   if (script) {
+    dialog.show();
     script(dialog, user);
     return dialog.result() == QDialog::Accepted ? 1 : 0;
   }

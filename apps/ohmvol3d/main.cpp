@@ -225,18 +225,6 @@ int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
   return 0;
 }
 
-// Subcommands whose work is not built yet go through their command ids, so
-// they refuse with the core's own words: the data file is read first, then
-// the command that needs it.
-int Run_Pending(Data_Set &ds, const Cli_Options &opt) {
-  const std::string &s = opt.subcommand;
-  if (opt.args.empty())
-    return Usage_Error(s + " needs a file name");
-  if (ds.Run_Command(CMD_READ_DATA, opt.args[0].c_str()))
-    return 1;
-  return ds.Run_Command(CMD_MESH_SETTINGS) ? 1 : 0;
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -255,11 +243,11 @@ int main(int argc, char **argv) {
     return 0;
   }
   const std::string &sub = opt.subcommand;
-  const bool pending = sub == "read" || sub == "mesh" || sub == "forward" || sub == "check-mesh" ||
-                       sub == "invert" || sub == "export" || sub == "plot";
+  const bool known = sub == "read" || sub == "mesh" || sub == "forward" || sub == "check-mesh" ||
+                     sub == "invert" || sub == "export" || sub == "plot";
   if (sub.empty())
     return Usage_Error("no subcommand given");
-  if (sub != "info" && sub != "settings" && !pending)
+  if (sub != "info" && sub != "settings" && !known)
     return Usage_Error("unknown subcommand '" + sub + "'");
   if (sub == "info" && !opt.args.empty())
     return Usage_Error("info takes no file");
@@ -311,8 +299,6 @@ int main(int argc, char **argv) {
     result = Run_Export(ds, opt);
   else if (sub == "plot")
     result = Run_Plot(ds, opt);
-  else
-    result = Run_Pending(ds, opt);
   Cli_Close_Bar(state);
   ds.Exit();
   return result;

@@ -32,11 +32,13 @@ int Data_Set::Create() {
   return long_tables_status;
 }
 
-int Data_Set::First_Paint() {
+int Data_Set::First_Paint(int report) {
   current_command = 0;
   const int ierr = Start_Buffer_Folder(*this, System_config.buffer_folder);
   Data_lim_sys.disk_free_byte = System_config.disk_free_byte;
   System_config.lim_template.disk_free_byte = System_config.disk_free_byte;
+  if (report)
+    Show_Configuration_Report();
   if (access(System_config.Ivp_Path().c_str(), R_OK) == 0)
     readinvset(*this, 1, System_config.Ivp_Path().c_str());
   Set_Folder_Names();

@@ -105,9 +105,10 @@ public:
   // Window creation: threads, limits in force, long-lived tables, trace
   // paths, processor. Returns the allocation status.
   int Create();
-  // First paint: reads the user's ohmvol3d.ivp silently and names the
-  // temporary files in the buffer folder.
-  int First_Paint();
+  // First paint: starts the buffer folder, shows the configuration report
+  // when `report` is 1 (the desktop window), reads the user's ohmvol3d.ivp
+  // silently and names the temporary files in the buffer folder.
+  int First_Paint(int report = 0);
   // Rebuilds the temporary file names and the trace paths from the buffer
   // folder (at first paint and whenever the folder changes).
   void Set_Folder_Names();

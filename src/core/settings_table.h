@@ -25,6 +25,11 @@ struct Setting_Entry {
   const char *dialog;          // title of the settings dialog the value belongs to
   const char *reason;          // one line: why the default is what it is
   const char *panel; // panel line format when read back; nullptr: caption, two blanks, value
+  // The control's text in its settings dialog; nullptr: the caption.
+  const char *form = nullptr;
+  // Radio buttons of a choice setting, "value=label" items separated by '|';
+  // nullptr: the caption's own "(0=..,1=..)" list where it has a full one.
+  const char *choices = nullptr;
 };
 
 extern const Setting_Entry settings_table[];

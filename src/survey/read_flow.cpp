@@ -143,3 +143,20 @@ int Call_Read_Data_File(Data_Set &ds, const char *path) {
   TRACE("Call_Read_Data_File %s mdata %d\n", path, ds.mdata);
   return failed || ds.mdata < 1 ? 1 : 0;
 }
+
+int Reset_Model_After_Settings(Data_Set &ds, const char *) {
+  if (ds.mdata < 1 || ds.data_read != 1)
+    return 0;
+  if (Set_Inversion_Settings_From_Data(ds) || Set_Model_Mesh_XYZ(ds)) {
+    Show_Text(ds, "File Error", MK_WARNING, "Error in setting up model mesh\n");
+    ds.mdata = 0;
+    return 1;
+  }
+  if (Check_Model_Cell_Electrodes(ds)) {
+    ds.mdata = 0;
+    return 1;
+  }
+  if (ds.Model_grid.nmodel_blocks > 0)
+    Show_Inversion_Parameters(ds);
+  return 0;
+}

@@ -37,6 +37,10 @@ int64_t Record_Index(const Data_Set &ds, int k, int i);
 // The whole read of a file from disk (command 201). `path` is the chooser's
 // answer. Returns 0 when a data file is read and ready.
 int Call_Read_Data_File(Data_Set &ds, const char *path);
+// After the model or mesh settings changed with a data file read: the
+// layers, the mesh and the electrode cells again, and the inversion
+// parameters on the panel. Nothing to do without data.
+int Reset_Model_After_Settings(Data_Set &ds, const char *path);
 // Writes the survey as a data file (".dat" is added when missing).
 int File_Save(Data_Set &ds, const char *path);
 // The data point lines of File_Save.

@@ -55,8 +55,13 @@ TEST(Commands, GatesRefuseWithTheirTexts) {
   EXPECT_EQ(rec.messages.at(0).text, "You must first read in a data file");
   // A command that is not built says so.
   rec.Clear();
-  EXPECT_EQ(ds->Run_Command(CMD_MESH_SETTINGS), 1);
+  EXPECT_EQ(ds->Run_Command(CMD_SEGMENT_OPTIONS), 1);
   EXPECT_EQ(rec.messages.at(0).text, "This command is not available yet.");
+  // The model settings' follow-up has nothing to do without data.
+  rec.Clear();
+  ds->mdata = 0;
+  EXPECT_EQ(ds->Run_Command(CMD_MESH_SETTINGS), 0);
+  EXPECT_TRUE(rec.messages.empty());
 }
 
 TEST(Commands, NoOpsUnknownIdsAndDisplayMode) {

@@ -122,7 +122,10 @@ int Image_Target::Save(const char *path) {
     m.painter->end();
     m.painter.reset();
   }
-  return m.image.save(QString::fromUtf8(path), "PNG") ? 0 : 1;
+  // A name ending in ".bmp" is written as a bitmap, any other as PNG.
+  const QString name = QString::fromUtf8(path);
+  const char *format = name.endsWith(".bmp", Qt::CaseInsensitive) ? "BMP" : "PNG";
+  return m.image.save(name, format) ? 0 : 1;
 }
 
 const QImage *Image_Target::Image() const {

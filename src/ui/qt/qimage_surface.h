@@ -21,7 +21,8 @@ public:
   ~Image_Target();
   // A white image of width x height pixels and its surface (null on failure).
   Draw_Surface *Begin(int width, int height);
-  // Ends the drawing and writes the image as PNG; 0 on success.
+  // Ends the drawing and writes the image: a name ending in ".bmp" as a
+  // bitmap, any other as PNG; 0 on success.
   int Save(const char *path);
   // The image (after Begin).
   const QImage *Image() const;
