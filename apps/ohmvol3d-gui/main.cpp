@@ -8,6 +8,7 @@
 
 int main(int argc, char **argv) {
   Select_Blas_Kernel(argv);
+  Ensure_Runtime_Folder();
   QApplication app(argc, argv);
   const std::string file = Command_Line_File(argc, argv);
   Gui_Window w(file.empty() ? nullptr : file.c_str());

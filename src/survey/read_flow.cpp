@@ -100,6 +100,21 @@ int Load_Text_File(Data_Set &ds, const char *path, std::unique_ptr<char[]> &buff
   return 0;
 }
 
+// The settings the data call for, the model layers and mesh, and the cells of
+// the electrodes; on failure the data are dropped (mdata 0) and 1 returned.
+static int Set_Model_For_Data(Data_Set &ds) {
+  if (Set_Inversion_Settings_From_Data(ds) || Set_Model_Mesh_XYZ(ds)) {
+    Show_Text(ds, "File Error", MK_WARNING, "Error in setting up model mesh\n");
+    ds.mdata = 0;
+    return 1;
+  }
+  if (Check_Model_Cell_Electrodes(ds)) {
+    ds.mdata = 0;
+    return 1;
+  }
+  return 0;
+}
+
 int Call_Read_Data_File(Data_Set &ds, const char *path) {
   ds.current_command = 201;
   if (!path || !path[0])
@@ -120,15 +135,8 @@ int Call_Read_Data_File(Data_Set &ds, const char *path) {
   ds.img = Text_Image();
   Show_Text(ds, "File Read", MK_WARNING, "Reading of file %s completed\n", path);
   Electrodes_Per_Point(ds);
-  if (Set_Inversion_Settings_From_Data(ds) || Set_Model_Mesh_XYZ(ds)) {
-    Show_Text(ds, "File Error", MK_WARNING, "Error in setting up model mesh\n");
-    ds.mdata = 0;
+  if (Set_Model_For_Data(ds))
     return 1;
-  }
-  if (Check_Model_Cell_Electrodes(ds)) {
-    ds.mdata = 0;
-    return 1;
-  }
   int failed = 0;
   if (ds.mdata > 0 &&
       (ds.data_points_removed == 1 || ds.flag_save_in_new_format > 0 || ds.save_sorted_next_read))
@@ -147,15 +155,8 @@ int Call_Read_Data_File(Data_Set &ds, const char *path) {
 int Reset_Model_After_Settings(Data_Set &ds, const char *) {
   if (ds.mdata < 1 || ds.data_read != 1)
     return 0;
-  if (Set_Inversion_Settings_From_Data(ds) || Set_Model_Mesh_XYZ(ds)) {
-    Show_Text(ds, "File Error", MK_WARNING, "Error in setting up model mesh\n");
-    ds.mdata = 0;
+  if (Set_Model_For_Data(ds))
     return 1;
-  }
-  if (Check_Model_Cell_Electrodes(ds)) {
-    ds.mdata = 0;
-    return 1;
-  }
   if (ds.Model_grid.nmodel_blocks > 0)
     Show_Inversion_Parameters(ds);
   return 0;

@@ -36,6 +36,7 @@
 #include "settings_dialog.h"
 #include "status_window.h"
 #include "ui/display_window.h"
+#include "ui/qt/qimage_surface.h"
 #include "ui/settings_form.h"
 
 namespace {
@@ -413,6 +414,7 @@ TEST(GuiSession, CommandLineFileName) {
 
 int main(int argc, char **argv) {
   qInstallMessageHandler(Quiet_Platform_Notes);
+  Ensure_Runtime_Folder();
   if (!std::getenv("QT_QPA_PLATFORM"))
     qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication app(argc, argv);

@@ -23,19 +23,23 @@ QColor Color_Of(uint32_t rgb) {
 
 } // namespace
 
+void Ensure_Runtime_Folder() {
+  // A batch session has no runtime folder; Qt would make this one and say so
+  // on every run.
+  if (std::getenv("XDG_RUNTIME_DIR"))
+    return;
+  const std::string dir = "/tmp/runtime-" + std::to_string(getuid());
+  struct stat st;
+  if (stat(dir.c_str(), &st) == 0 || mkdir(dir.c_str(), 0700) == 0)
+    setenv("XDG_RUNTIME_DIR", dir.c_str(), 0);
+}
+
 int Ensure_Gui_Application() {
   if (QGuiApplication::instance())
     return 0;
   if (!std::getenv("QT_QPA_PLATFORM") && !std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY"))
     qputenv("QT_QPA_PLATFORM", "offscreen");
-  // A batch session has no runtime folder; Qt would make this one and say so
-  // on every run.
-  if (!std::getenv("XDG_RUNTIME_DIR")) {
-    const std::string dir = "/tmp/runtime-" + std::to_string(getuid());
-    struct stat st;
-    if (stat(dir.c_str(), &st) == 0 || mkdir(dir.c_str(), 0700) == 0)
-      setenv("XDG_RUNTIME_DIR", dir.c_str(), 0);
-  }
+  Ensure_Runtime_Folder();
   static int argc = 1;
   static char name[] = "ohmvol3d";
   static char *argv[] = {name, nullptr};

@@ -10,6 +10,10 @@
 
 class QImage;
 
+// Names a private runtime folder for Qt when the session has none (a batch
+// session), so that Qt does not warn on every start.
+void Ensure_Runtime_Folder();
+
 // Makes sure a Qt GUI application object exists (fonts need one); returns 0,
 // or 1 when none could be made.
 int Ensure_Gui_Application();
