@@ -41,6 +41,23 @@ void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, cd alpha, const cd 
   cblas_zgemm(CblasColMajor, Tr(ta), Tr(tb), m, n, k, &alpha, a, lda, b, ldb, &beta, c, ldc);
 }
 
+// The lower triangle of C = alpha A A^T + beta C (A: n x k), column-major;
+// complex matrices without conjugation.
+void Syrk(int64_t n, int64_t k, float alpha, const float *a, int64_t lda, float beta, float *c,
+          int64_t ldc) {
+  cblas_ssyrk(CblasColMajor, CblasLower, CblasNoTrans, n, k, alpha, a, lda, beta, c, ldc);
+}
+void Syrk(int64_t n, int64_t k, double alpha, const double *a, int64_t lda, double beta, double *c,
+          int64_t ldc) {
+  cblas_dsyrk(CblasColMajor, CblasLower, CblasNoTrans, n, k, alpha, a, lda, beta, c, ldc);
+}
+void Syrk(int64_t n, int64_t k, cf alpha, const cf *a, int64_t lda, cf beta, cf *c, int64_t ldc) {
+  cblas_csyrk(CblasColMajor, CblasLower, CblasNoTrans, n, k, &alpha, a, lda, &beta, c, ldc);
+}
+void Syrk(int64_t n, int64_t k, cd alpha, const cd *a, int64_t lda, cd beta, cd *c, int64_t ldc) {
+  cblas_zsyrk(CblasColMajor, CblasLower, CblasNoTrans, n, k, &alpha, a, lda, &beta, c, ldc);
+}
+
 // Triangular solves with the lower triangle L of a diagonal block:
 // right side B = B op(L)^-1, left side B = op(L)^-1 B.
 void Trsm(bool right, bool trans, int64_t m, int64_t n, const float *l, int64_t ldl, float *b,
@@ -75,6 +92,8 @@ template <class T> bool Bad_Pivot(T d) {
 }
 
 constexpr int64_t panel_block = 64;
+// Update blocks at least this wide make their symmetric part by SYRK.
+constexpr int64_t syrk_columns = 64;
 
 extern "C" {
 void spotrf_(const char *uplo, const int *n, float *a, const int *lda, int *info);
@@ -188,7 +207,15 @@ void Update_Columns(const Blkfct &b, T *lnz, int64_t J, int64_t lo, int64_t hi, 
       continue;
     const int64_t m = rk_n - p1, nn = p2 - p1;
     const T *pk = lnz + b.xpanel[K] + p1;
-    Gemm(false, true, m, nn, wk, T(1), pk, rk_n, pk, rk_n, T(0), w, m);
+    // The top nn x nn block is symmetric: only its lower triangle is made
+    // (half the products where the descendant's rows mostly lie in J).
+    if (nn >= syrk_columns) {
+      Syrk(nn, wk, T(1), pk, rk_n, T(0), w, m);
+      if (m > nn)
+        Gemm(false, true, m - nn, nn, wk, T(1), pk + nn, rk_n, pk, rk_n, T(0), w + nn, m);
+    } else {
+      Gemm(false, true, m, nn, wk, T(1), pk, rk_n, pk, rk_n, T(0), w, m);
+    }
     for (int64_t c = 0; c < nn; c++) {
       T *dst = pj + (rk[p1 + c] - f) * rows;
       const T *src = w + c * m;
