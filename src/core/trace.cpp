@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 Trace_Record trace_rec;
 
@@ -12,38 +13,39 @@ void Set_Trace_Paths(const std::string &folder) {
                 folder.c_str());
 }
 
-void trace_printf(const char *format, ...) {
-  if (trace_rec.trace_on != 1)
-    return;
-  va_list ap;
-  va_start(ap, format);
-  std::vsnprintf(trace_rec.line, sizeof trace_rec.line, format, ap);
-  va_end(ap);
-}
-
 namespace {
 
-void Append_Line(const char *path) {
+// One line at a time reaches the files, whichever thread writes it.
+std::mutex trace_mutex;
+
+void Append_Line(const char *path, const char *line) {
+  std::lock_guard<std::mutex> hold(trace_mutex);
   trace_rec.pending = 1;
   if (trace_rec.trace_on != 1)
     return;
   trace_rec.pending = 0;
+  std::snprintf(trace_rec.line, sizeof trace_rec.line, "%s", line);
   FILE *f = std::fopen(path, "a+");
   if (!f) {
     trace_rec.trace_on = 0;
     return;
   }
-  std::fprintf(f, "%s", trace_rec.line);
+  std::fprintf(f, "%s", line);
   std::fflush(f);
   std::fclose(f);
 }
 
 } // namespace
 
-void trace_flush() {
-  Append_Line(trace_rec.trace_name);
-}
-
-void memory_report_flush() {
-  Append_Line(trace_rec.memory_name);
+void trace_line(int memory, const char *format, ...) {
+  if (trace_rec.trace_on != 1)
+    return;
+  // Formatted on the caller's own stack: threads that trace at once do not
+  // share a buffer.
+  char line[sizeof trace_rec.line];
+  va_list ap;
+  va_start(ap, format);
+  std::vsnprintf(line, sizeof line, format, ap);
+  va_end(ap);
+  Append_Line(memory ? trace_rec.memory_name : trace_rec.trace_name, line);
 }

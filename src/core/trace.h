@@ -10,7 +10,7 @@ struct Trace_Record {
   char trace_name[1024] = {};  // buffer folder + "o3dtracesx64_Ohm3d.txt"
   char memory_name[1024] = {}; // buffer folder + "o3dmem.txt"
   int pending = 0;             // 1 between a format and the write
-  char line[8192] = {};        // the line being written
+  char line[8192] = {};        // the last line written
   int trace_on = 0;            // 1 while tracing
 };
 
@@ -19,27 +19,21 @@ extern Trace_Record trace_rec;
 // Sets both paths from the buffer folder (which ends in '/').
 void Set_Trace_Paths(const std::string &folder);
 
-// Formats one line into the line buffer (only while trace_on is 1).
-void trace_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
-// Appends the line buffer to the trace file; a failed open turns tracing off.
-void trace_flush();
-// The same for the memory report.
-void memory_report_flush();
+// Formats one line and appends it, whole, to the trace file (memory 0) or
+// the memory report (memory 1), only while trace_on is 1. Lines from
+// threads that trace at once do not mix. A failed open turns tracing off.
+void trace_line(int memory, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // One guarded trace line: arguments are not evaluated while tracing is off.
 #define TRACE(...)                                                                                 \
   do {                                                                                             \
-    if (trace_rec.trace_on) {                                                                      \
-      trace_printf(__VA_ARGS__);                                                                   \
-      trace_flush();                                                                               \
-    }                                                                                              \
+    if (trace_rec.trace_on)                                                                        \
+      trace_line(0, __VA_ARGS__);                                                                  \
   } while (0)
 
 // One guarded line of the memory report.
 #define TRACE_MEMORY(...)                                                                          \
   do {                                                                                             \
-    if (trace_rec.trace_on) {                                                                      \
-      trace_printf(__VA_ARGS__);                                                                   \
-      memory_report_flush();                                                                       \
-    }                                                                                              \
+    if (trace_rec.trace_on)                                                                        \
+      trace_line(1, __VA_ARGS__);                                                                  \
   } while (0)
