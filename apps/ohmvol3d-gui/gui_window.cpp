@@ -306,12 +306,12 @@ int Gui_Window::Run_Menu_Command(int id, const char *path) {
     return 0;
   }
   // The settings dialogs are the window's own: their values go straight to
-  // the settings. The model and mesh settings then rebuild the model of the
-  // data read.
+  // the settings. Where the core has work for the command (the model and
+  // mesh settings rebuild the model of the data read), it follows.
   if (!Dialog_Titles_Of(id).empty()) {
     if (Run_Settings_Dialog(this, *ds, id) != 1)
       return -1;
-    if (id != CMD_LAYER_THICKNESS && id != CMD_MESH_SETTINGS)
+    if (!Is_Built_Command(id))
       return 0;
   }
   const bool picture_before = Showing_Picture();

@@ -223,6 +223,11 @@ bool Is_Known_Command(int id) {
   return Find_Command(id) != nullptr;
 }
 
+bool Is_Built_Command(int id) {
+  const Command_Entry *c = Find_Command(id);
+  return c && c->run;
+}
+
 int Data_Set::Run_Command(int id, const char *path) {
   const Command_Entry *c = Find_Command(id);
   if (!c) {

@@ -63,3 +63,5 @@ enum Command_Id : int {
 
 // True for an id the dispatcher knows (built or not yet built).
 bool Is_Known_Command(int id);
+// True for an id whose work the core does (false for one not built yet).
+bool Is_Built_Command(int id);

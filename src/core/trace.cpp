@@ -20,11 +20,8 @@ std::mutex trace_mutex;
 
 void Append_Line(const char *path, const char *line) {
   std::lock_guard<std::mutex> hold(trace_mutex);
-  trace_rec.pending = 1;
   if (trace_rec.trace_on != 1)
     return;
-  trace_rec.pending = 0;
-  std::snprintf(trace_rec.line, sizeof trace_rec.line, "%s", line);
   FILE *f = std::fopen(path, "a+");
   if (!f) {
     trace_rec.trace_on = 0;
@@ -42,7 +39,7 @@ void trace_line(int memory, const char *format, ...) {
     return;
   // Formatted on the caller's own stack: threads that trace at once do not
   // share a buffer.
-  char line[sizeof trace_rec.line];
+  char line[trace_line_size];
   va_list ap;
   va_start(ap, format);
   std::vsnprintf(line, sizeof line, format, ap);

@@ -9,12 +9,13 @@
 struct Trace_Record {
   char trace_name[1024] = {};  // buffer folder + "o3dtracesx64_Ohm3d.txt"
   char memory_name[1024] = {}; // buffer folder + "o3dmem.txt"
-  int pending = 0;             // 1 between a format and the write
-  char line[8192] = {};        // the last line written
   int trace_on = 0;            // 1 while tracing
 };
 
 extern Trace_Record trace_rec;
+
+// The longest trace line; a longer one is cut.
+constexpr int trace_line_size = 8192;
 
 // Sets both paths from the buffer folder (which ends in '/').
 void Set_Trace_Paths(const std::string &folder);

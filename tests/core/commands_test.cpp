@@ -75,6 +75,9 @@ TEST(Commands, NoOpsUnknownIdsAndDisplayMode) {
   EXPECT_EQ(ds->display_mode, 0);
   EXPECT_EQ(ds->Run_Command(123456), 1);
   EXPECT_FALSE(Is_Known_Command(123456));
+  EXPECT_FALSE(Is_Built_Command(123456));
+  EXPECT_FALSE(Is_Built_Command(CMD_SEGMENT_OPTIONS));
+  EXPECT_TRUE(Is_Built_Command(CMD_MESH_SETTINGS));
   EXPECT_TRUE(rec.messages.empty()) << "unknown ids are not the core's to answer";
   ds->inv_read = 1;
   EXPECT_EQ(ds->Run_Command(CMD_INV_READ_NOOP), 0);
