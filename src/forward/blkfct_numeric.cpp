@@ -91,80 +91,174 @@ template <class T> bool Bad_Pivot(T d) {
     return !(std::abs(d) > 0) || !std::isfinite(std::abs(d));
 }
 
-constexpr int64_t panel_block = 64;
+// Panels up to this wide are factorised by the column kernels; wider ones
+// are halved (recursively), so that most of the work is a few large
+// products.
+constexpr int64_t panel_base = 32;
+// Below the diagonal block, columns of base panels up to this wide are
+// solved in place; wider ones multiply by the inverse of the block.
+constexpr int64_t inverse_columns = 12;
 // Update blocks at least this wide make their symmetric part by SYRK.
 constexpr int64_t syrk_columns = 64;
 
-extern "C" {
-void spotrf_(const char *uplo, const int *n, float *a, const int *lda, int *info);
-void dpotrf_(const char *uplo, const int *n, double *a, const int *lda, int *info);
+// Threads worth starting for `work` multiply-adds: none below a million.
+int Parts_For(int64_t work, int threads) {
+  return work < (int64_t(1) << 20) ? 1 : threads;
 }
 
-// The diagonal block of a real panel by LAPACK (blocked, level-3 inside);
-// returns the failing column from 1, or 0.
-int64_t Factor_Diagonal(float *d, int64_t w, int64_t ld) {
-  const int n = static_cast<int>(w), lda = static_cast<int>(ld);
-  int info = 0;
-  spotrf_("L", &n, d, &lda, &info);
-  return info;
-}
-int64_t Factor_Diagonal(double *d, int64_t w, int64_t ld) {
-  const int n = static_cast<int>(w), lda = static_cast<int>(ld);
-  int info = 0;
-  dpotrf_("L", &n, d, &lda, &info);
-  return info;
-}
-
-// Factorises the panel of one supernode in place (rows x w, leading
-// dimension rows). Real: the diagonal block by LAPACK, then one triangular
-// solve for the rows below. Complex symmetric (no conjugation, which
-// LAPACK's Hermitian routines cannot do): blocks of columns, each with a
-// small column kernel on its diagonal block, a triangular solve below and a
-// product into the columns to its right. Returns the failing column from 1
-// within the panel, or 0.
-template <class T> int64_t Factor_Panel(T *p, int64_t rows, int64_t w) {
-  if constexpr (std::is_floating_point_v<T>) {
-    const int64_t bad = Factor_Diagonal(p, w, rows);
-    if (bad)
-      return bad;
-    if (rows > w)
-      Trsm(true, true, rows - w, w, p, rows, p + w, rows);
-    return 0;
+// Column boundaries that split a lower trapezoid of `rows` rows and `cols`
+// columns into `parts` ranges of equal work (a column's work falls with
+// its position).
+std::vector<int64_t> Split_Columns(int64_t rows, int64_t cols, int parts) {
+  std::vector<int64_t> edge(parts + 1, cols);
+  edge[0] = 0;
+  double total = 0.0;
+  for (int64_t c = 0; c < cols; c++)
+    total += static_cast<double>(rows - c);
+  double acc = 0.0;
+  int t = 1;
+  for (int64_t c = 0; c < cols && t < parts; c++) {
+    acc += static_cast<double>(rows - c);
+    if (acc >= total * t / parts)
+      edge[t++] = c + 1;
   }
-  for (int64_t kb = 0; kb < w; kb += panel_block) {
-    const int64_t nb = std::min(panel_block, w - kb);
-    T *d = p + kb + kb * rows;
-    for (int64_t c = 0; c < nb; c++) {
-      T *col = d + c * rows;
-      if (Bad_Pivot(col[c]))
-        return kb + c + 1;
-      const T root = std::sqrt(col[c]);
-      col[c] = root;
-      const T inv = T(1) / root;
-      for (int64_t i = c + 1; i < nb; i++)
-        col[i] *= inv;
-      for (int64_t j = c + 1; j < nb; j++) {
-        const T f = col[j];
-        T *cj = d + j * rows;
-        for (int64_t i = j; i < nb; i++)
-          cj[i] -= col[i] * f;
-      }
+  return edge;
+}
+
+// Columns lo .. hi-1 of the lower trapezoid C (rows x cols) minus A A^T
+// (A: rows x k): SYRK on their diagonal block, a GEMM below it.
+template <class T>
+void Update_Trapezoid(T *c, int64_t ldc, const T *a, int64_t lda, int64_t rows, int64_t k,
+                      int64_t lo, int64_t hi) {
+  const int64_t nc = hi - lo;
+  if (nc <= 0)
+    return;
+  Syrk(nc, k, T(-1), a + lo, lda, T(1), c + lo + lo * ldc, ldc);
+  if (rows > hi)
+    Gemm(false, true, rows - hi, nc, k, T(-1), a + hi, lda, a + lo, lda, T(1), c + hi + lo * ldc,
+         ldc);
+}
+
+// The Cholesky factor of the n x n lower triangle at d (leading dimension
+// ld), in place, column by column (left-looking). Returns the failing
+// column from 1, or 0.
+template <class T> int64_t Factor_Block(T *d, int64_t n, int64_t ld) {
+  for (int64_t c = 0; c < n; c++) {
+    T *col = d + c * ld;
+    for (int64_t k = 0; k < c; k++) {
+      const T f = d[c + k * ld];
+      const T *lk = d + k * ld;
+#pragma omp simd
+      for (int64_t i = c; i < n; i++)
+        col[i] -= lk[i] * f;
     }
-    const int64_t below = rows - kb - nb;
-    if (below > 0)
-      Trsm(true, true, below, nb, d, rows, d + nb, rows);
-    const int64_t right = w - kb - nb;
-    if (right > 0 && below > 0)
-      Gemm(false, true, below, right, nb, T(-1), d + nb, rows, d + nb, rows, T(1),
-           d + nb + nb * rows, rows);
+    if (Bad_Pivot(col[c]))
+      return c + 1;
+    const T root = std::sqrt(col[c]);
+    col[c] = root;
+    const T inv = T(1) / root;
+#pragma omp simd
+    for (int64_t i = c + 1; i < n; i++)
+      col[i] *= inv;
   }
   return 0;
 }
 
-// Work values that the largest update product needs.
+// The inverse of the n x n lower triangle at l (leading dimension ld) into
+// v (n x n, zeros above the diagonal).
+template <class T> void Invert_Lower(const T *l, int64_t n, int64_t ld, T *v) {
+  std::fill(v, v + n * n, T(0));
+  for (int64_t j = 0; j < n; j++) {
+    T *vj = v + j * n;
+    vj[j] = T(1);
+    for (int64_t k = j; k < n; k++) {
+      const T xk = vj[k] / l[k + k * ld];
+      vj[k] = xk;
+      const T *lk = l + k * ld;
+#pragma omp simd
+      for (int64_t i = k + 1; i < n; i++)
+        vj[i] -= lk[i] * xk;
+    }
+  }
+}
+
+// B = B L^-T for the m x n block B (leading dimension ld) and the factored
+// n x n diagonal block L above it: narrow blocks by substitution along the
+// columns, wider ones as a product with the inverse (OpenBLAS's triangular
+// solves run far below its products), the rows shared among `threads`.
+// `work` holds m * n + n * n values.
+template <class T>
+void Solve_Below(const T *l, T *bb, int64_t m, int64_t n, int64_t ld, T *work, int threads) {
+  if (n <= inverse_columns) {
+    for (int64_t j = 0; j < n; j++) {
+      T *bj = bb + j * ld;
+      for (int64_t k = 0; k < j; k++) {
+        const T f = l[j + k * ld];
+        const T *bk = bb + k * ld;
+#pragma omp simd
+        for (int64_t i = 0; i < m; i++)
+          bj[i] -= bk[i] * f;
+      }
+      const T inv = T(1) / l[j + j * ld];
+#pragma omp simd
+      for (int64_t i = 0; i < m; i++)
+        bj[i] *= inv;
+    }
+    return;
+  }
+  T *copy = work, *v = work + m * n;
+  Invert_Lower(l, n, ld, v);
+  const int parts = Parts_For(m * n * n, threads);
+#pragma omp parallel for num_threads(parts) if (parts > 1)
+  for (int k = 0; k < parts; k++) {
+    const int64_t r0 = m * k / parts, r1 = m * (k + 1) / parts;
+    for (int64_t c = 0; c < n; c++)
+      std::copy(bb + c * ld + r0, bb + c * ld + r1, copy + c * m + r0);
+    Gemm(false, true, r1 - r0, n, n, T(1), copy + r0, m, v, n, T(0), bb + r0, ld);
+  }
+}
+
+// Factorises the panel of rows x w at p (leading dimension ld) in place:
+// L L^T of the diagonal block and the rows below solved against it, for
+// real and complex symmetric matrices alike (no conjugation). Wide panels
+// split in two halves: the left half, its product into the right half,
+// then the right half; `threads` share the products. Returns the failing
+// column from 1 within the panel, or 0.
+template <class T>
+int64_t Factor_Panel(T *p, int64_t rows, int64_t w, int64_t ld, T *work, int threads) {
+  if (w <= panel_base) {
+    const int64_t bad = Factor_Block(p, w, ld);
+    if (bad == 0 && rows > w)
+      Solve_Below(p, p + w, rows - w, w, ld, work, threads);
+    return bad;
+  }
+  const int64_t w1 = (w / 2 + 15) / 16 * 16, w2 = w - w1;
+  const int64_t bad = Factor_Panel(p, rows, w1, ld, work, threads);
+  if (bad)
+    return bad;
+  const T *l = p + w1;
+  T *c = p + w1 + w1 * ld;
+  const int64_t below = rows - w1;
+  const int parts = Parts_For(below * w2 * w1, threads);
+  const std::vector<int64_t> edge = Split_Columns(below, w2, parts);
+#pragma omp parallel for num_threads(parts) if (parts > 1)
+  for (int k = 0; k < parts; k++)
+    Update_Trapezoid(c, ld, l, ld, below, w1, edge[k], edge[k + 1]);
+  const int64_t bad2 = Factor_Panel(c, below, w2, ld, work, threads);
+  return bad2 ? w1 + bad2 : 0;
+}
+
+// Values of the panel factorisation's work space for panels of up to
+// `rows` rows.
+int64_t Panel_Work(int64_t rows) {
+  return rows * panel_base + panel_base * panel_base;
+}
+
+// Work values that the largest update product, or the largest panel, needs.
 int64_t Update_Work(const Blkfct &b) {
   int64_t most = 1;
-  for (int64_t J = 0; J < b.nsuper; J++)
+  for (int64_t J = 0; J < b.nsuper; J++) {
+    most = std::max(most, Panel_Work(b.Rows(J)));
     for (int64_t u = b.xupd[J]; u < b.xupd[J + 1]; u++) {
       const int K = b.upd_snode[u];
       const int64_t p1 = b.upd_first[u], rows = b.Rows(K);
@@ -172,8 +266,10 @@ int64_t Update_Work(const Blkfct &b) {
       const int *rk = b.lindx.data() + b.xlindx[K];
       while (p2 < rows && b.snode[rk[p2]] == J)
         p2++;
-      most = std::max(most, (rows - p1) * (p2 - p1));
+      // The product, then the row positions (an int fits in a value).
+      most = std::max(most, (rows - p1) * (p2 - p1 + 1));
     }
+  }
   return most;
 }
 
@@ -207,6 +303,20 @@ void Update_Columns(const Blkfct &b, T *lnz, int64_t J, int64_t lo, int64_t hi, 
       continue;
     const int64_t m = rk_n - p1, nn = p2 - p1;
     const T *pk = lnz + b.xpanel[K] + p1;
+    const int *rows_k = rk + p1;
+    // Where the descendant's rows all lie next to each other in J, the
+    // product goes straight into J's panel.
+    if (map[rows_k[m - 1]] - map[rows_k[0]] == m - 1) {
+      T *dst = pj + map[rows_k[0]] + (rows_k[0] - f) * rows;
+      if (nn >= syrk_columns) {
+        Syrk(nn, wk, T(-1), pk, rk_n, T(1), dst, rows);
+        if (m > nn)
+          Gemm(false, true, m - nn, nn, wk, T(-1), pk + nn, rk_n, pk, rk_n, T(1), dst + nn, rows);
+      } else {
+        Gemm(false, true, m, nn, wk, T(-1), pk, rk_n, pk, rk_n, T(1), dst, rows);
+      }
+      continue;
+    }
     // The top nn x nn block is symmetric: only its lower triangle is made
     // (half the products where the descendant's rows mostly lie in J).
     if (nn >= syrk_columns) {
@@ -216,50 +326,39 @@ void Update_Columns(const Blkfct &b, T *lnz, int64_t J, int64_t lo, int64_t hi, 
     } else {
       Gemm(false, true, m, nn, wk, T(1), pk, rk_n, pk, rk_n, T(0), w, m);
     }
+    int *at = reinterpret_cast<int *>(w + m * nn);
+    for (int64_t r = 0; r < m; r++)
+      at[r] = map[rows_k[r]];
     for (int64_t c = 0; c < nn; c++) {
-      T *dst = pj + (rk[p1 + c] - f) * rows;
+      T *dst = pj + (rows_k[c] - f) * rows;
       const T *src = w + c * m;
       for (int64_t r = c; r < m; r++)
-        dst[map[rk[p1 + r]]] -= src[r];
+        dst[at[r]] -= src[r];
     }
   }
 }
 
 // The left-looking step of supernode J on one thread: its updates, then its
-// own panel. Returns the failing column from 1, or 0.
+// own panel (`w` serves both). Returns the failing column from 1, or 0.
 template <class T> int64_t Factor_Supernode(const Blkfct &b, T *lnz, int64_t J, int *map, T *w) {
   Map_Rows(b, J, map);
   Update_Columns(b, lnz, J, 0, b.Width(J), map, w);
-  const int64_t bad = Factor_Panel(lnz + b.xpanel[J], b.Rows(J), b.Width(J));
+  const int64_t bad = Factor_Panel(lnz + b.xpanel[J], b.Rows(J), b.Width(J), b.Rows(J), w, 1);
   return bad ? b.xsuper[J] + bad : 0;
 }
 
 // The same for a large supernode with every thread: the updates split by
-// columns of equal work, then the panel with the threads inside the kernels.
+// columns of equal work, then the panel with its products shared.
 template <class T>
 int64_t Factor_Supernode_Shared(const Blkfct &b, T *lnz, int64_t J, int *map,
                                 std::vector<std::vector<T>> &w, int threads) {
   Map_Rows(b, J, map);
   const int64_t width = b.Width(J), rows = b.Rows(J);
-  // Column boundaries: the work of a column falls with its position.
-  std::vector<int64_t> edge(threads + 1, width);
-  edge[0] = 0;
-  double total = 0.0;
-  for (int64_t c = 0; c < width; c++)
-    total += static_cast<double>(rows - c);
-  double acc = 0.0;
-  int t = 1;
-  for (int64_t c = 0; c < width && t < threads; c++) {
-    acc += static_cast<double>(rows - c);
-    if (acc >= total * t / threads)
-      edge[t++] = c + 1;
-  }
-  Set_Blas_Threads(1);
+  const std::vector<int64_t> edge = Split_Columns(rows, width, threads);
 #pragma omp parallel for num_threads(threads) schedule(static, 1)
   for (int k = 0; k < threads; k++)
     Update_Columns(b, lnz, J, edge[k], edge[k + 1], map, w[k].data());
-  Set_Blas_Threads(threads);
-  const int64_t bad = Factor_Panel(lnz + b.xpanel[J], rows, width);
+  const int64_t bad = Factor_Panel(lnz + b.xpanel[J], rows, width, rows, w[0].data(), threads);
   return bad ? b.xsuper[J] + bad : 0;
 }
 
@@ -319,9 +418,11 @@ template <class T> int64_t Blkfct_Factor(const Blkfct &b, T *lnz, int threads) {
             [&](int64_t a, int64_t c) { return work[a] > work[c]; });
   std::sort(top.begin(), top.end());
 
+  // Every BLAS call below runs on one thread: the threads are OpenMP's
+  // alone (a second pool would contend with it for the cores).
+  Set_Blas_Threads(1);
   std::atomic<int64_t> failed{0};
   if (!subtrees.empty()) {
-    Set_Blas_Threads(1);
 #pragma omp parallel num_threads(threads)
     {
       std::vector<int> map(n);
@@ -337,17 +438,19 @@ template <class T> int64_t Blkfct_Factor(const Blkfct &b, T *lnz, int threads) {
       }
     }
   }
-  Set_Blas_Threads(threads);
-  if (failed.load())
-    return failed.load();
-  std::vector<int> map(n);
-  std::vector<std::vector<T>> w(threads, std::vector<T>(wmax));
-  for (int64_t J : top) {
-    const int64_t bad = Factor_Supernode_Shared(b, lnz, J, map.data(), w, threads);
-    if (bad)
-      return bad;
+  if (failed.load() == 0) {
+    std::vector<int> map(n);
+    std::vector<std::vector<T>> w(threads, std::vector<T>(wmax));
+    for (int64_t J : top) {
+      const int64_t bad = Factor_Supernode_Shared(b, lnz, J, map.data(), w, threads);
+      if (bad) {
+        failed.store(bad);
+        break;
+      }
+    }
   }
-  return 0;
+  Set_Blas_Threads(threads);
+  return failed.load();
 }
 
 int64_t Blkfct_Solve_Work(const Blkfct &b, int nrhs) {
