@@ -101,9 +101,10 @@ constexpr int64_t inverse_columns = 12;
 // Update blocks at least this wide make their symmetric part by SYRK.
 constexpr int64_t syrk_columns = 64;
 
-// Threads worth starting for `work` multiply-adds: none below a million.
+// Threads worth starting for `work` multiply-adds: none below half a
+// million.
 int Parts_For(int64_t work, int threads) {
-  return work < (int64_t(1) << 20) ? 1 : threads;
+  return work < (int64_t(1) << 19) ? 1 : threads;
 }
 
 // Column boundaries that split a lower trapezoid of `rows` rows and `cols`
