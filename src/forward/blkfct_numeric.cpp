@@ -140,19 +140,21 @@ void Update_Trapezoid(T *c, int64_t ldc, const T *a, int64_t lda, int64_t rows, 
          ldc);
 }
 
+// y = y - f x over n values.
+template <class T> void Subtract_Scaled(T *y, const T *x, T f, int64_t n) {
+#pragma omp simd
+  for (int64_t i = 0; i < n; i++)
+    y[i] -= x[i] * f;
+}
+
 // The Cholesky factor of the n x n lower triangle at d (leading dimension
 // ld), in place, column by column (left-looking). Returns the failing
 // column from 1, or 0.
 template <class T> int64_t Factor_Block(T *d, int64_t n, int64_t ld) {
   for (int64_t c = 0; c < n; c++) {
     T *col = d + c * ld;
-    for (int64_t k = 0; k < c; k++) {
-      const T f = d[c + k * ld];
-      const T *lk = d + k * ld;
-#pragma omp simd
-      for (int64_t i = c; i < n; i++)
-        col[i] -= lk[i] * f;
-    }
+    for (int64_t k = 0; k < c; k++)
+      Subtract_Scaled(col + c, d + k * ld + c, d[c + k * ld], n - c);
     if (Bad_Pivot(col[c]))
       return c + 1;
     const T root = std::sqrt(col[c]);
@@ -173,12 +175,8 @@ template <class T> void Invert_Lower(const T *l, int64_t n, int64_t ld, T *v) {
     T *vj = v + j * n;
     vj[j] = T(1);
     for (int64_t k = j; k < n; k++) {
-      const T xk = vj[k] / l[k + k * ld];
-      vj[k] = xk;
-      const T *lk = l + k * ld;
-#pragma omp simd
-      for (int64_t i = k + 1; i < n; i++)
-        vj[i] -= lk[i] * xk;
+      vj[k] /= l[k + k * ld];
+      Subtract_Scaled(vj + k + 1, l + k * ld + k + 1, vj[k], n - k - 1);
     }
   }
 }
@@ -193,13 +191,8 @@ void Solve_Below(const T *l, T *bb, int64_t m, int64_t n, int64_t ld, T *work, i
   if (n <= inverse_columns) {
     for (int64_t j = 0; j < n; j++) {
       T *bj = bb + j * ld;
-      for (int64_t k = 0; k < j; k++) {
-        const T f = l[j + k * ld];
-        const T *bk = bb + k * ld;
-#pragma omp simd
-        for (int64_t i = 0; i < m; i++)
-          bj[i] -= bk[i] * f;
-      }
+      for (int64_t k = 0; k < j; k++)
+        Subtract_Scaled(bj, bb + k * ld, l[j + k * ld], m);
       const T inv = T(1) / l[j + j * ld];
 #pragma omp simd
       for (int64_t i = 0; i < m; i++)

@@ -105,6 +105,28 @@ template <class T> std::vector<T> Panels_From_Dense(const Blkfct &b, const std::
   return lnz;
 }
 
+// Solves with the block factor for `nrhs` random columns `rhs` (original
+// order, column after column); the solution as the solve holds it (its own
+// order, row by row).
+template <class T>
+std::vector<T> Solve_Random_Columns(const Blkfct &b, const std::vector<T> &lnz, int nrhs,
+                                    unsigned seed, std::vector<T> &rhs) {
+  const int64_t n = b.neqns_ll;
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  rhs.resize(static_cast<size_t>(n) * nrhs);
+  std::vector<T> x(rhs.size());
+  for (auto &v : rhs)
+    v = T(u(rng));
+  for (int c = 0; c < nrhs; c++)
+    for (int64_t i = 0; i < n; i++)
+      x[static_cast<size_t>(b.invp[i] - 1) * nrhs + c] = rhs[static_cast<size_t>(c) * n + i];
+  std::vector<T> work(Blkfct_Solve_Work(b, nrhs));
+  std::vector<char> active(b.nsuper);
+  Blkfct_Solve(b, lnz.data(), x.data(), nrhs, work.data(), active.data());
+  return x;
+}
+
 // Solves with the block factor for `nrhs` columns of a dense right-hand
 // side (original order; the solve holds them row by row in its own order)
 // and returns the largest relative residual.
@@ -119,17 +141,8 @@ double Factor_And_Solve(const Grid_Graph &g, T scale, int threads, int nrhs, boo
   const std::vector<T> a = Dense_Matrix<T>(g, scale);
   std::vector<T> lnz = Panels_From_Dense(b, a);
   EXPECT_EQ(Blkfct_Factor(b, lnz.data(), threads), 0);
-  std::mt19937 rng(7);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  std::vector<T> rhs(static_cast<size_t>(g.n) * nrhs), x(rhs.size());
-  for (auto &v : rhs)
-    v = T(u(rng));
-  for (int c = 0; c < nrhs; c++)
-    for (int i = 0; i < g.n; i++)
-      x[static_cast<size_t>(b.invp[i] - 1) * nrhs + c] = rhs[static_cast<size_t>(c) * g.n + i];
-  std::vector<T> work(Blkfct_Solve_Work(b, nrhs));
-  std::vector<char> active(b.nsuper);
-  Blkfct_Solve(b, lnz.data(), x.data(), nrhs, work.data(), active.data());
+  std::vector<T> rhs;
+  const std::vector<T> x = Solve_Random_Columns(b, lnz, nrhs, 7, rhs);
   double worst = 0.0;
   for (int c = 0; c < nrhs; c++) {
     double rn = 0.0, bn = 0.0;
@@ -240,17 +253,8 @@ TEST(Block_Solver, WidePanelsSplitAmongThreads) {
     }
     ASSERT_EQ(Blkfct_Factor(b, lnz.data(), 2), 0);
     const int nrhs = 3;
-    std::mt19937 rng(11);
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    std::vector<T> rhs(static_cast<size_t>(g.n) * nrhs), x(rhs.size());
-    for (auto &v : rhs)
-      v = T(u(rng));
-    for (int c = 0; c < nrhs; c++)
-      for (int i = 0; i < g.n; i++)
-        x[static_cast<size_t>(b.invp[i] - 1) * nrhs + c] = rhs[static_cast<size_t>(c) * g.n + i];
-    std::vector<T> work(Blkfct_Solve_Work(b, nrhs));
-    std::vector<char> active(b.nsuper);
-    Blkfct_Solve(b, lnz.data(), x.data(), nrhs, work.data(), active.data());
+    std::vector<T> rhs;
+    const std::vector<T> x = Solve_Random_Columns(b, lnz, nrhs, 11, rhs);
     auto sol = [&](int i, int c) {
       return std::complex<double>(x[static_cast<size_t>(b.invp[i] - 1) * nrhs + c]);
     };
