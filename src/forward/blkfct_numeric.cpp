@@ -1,8 +1,9 @@
 // Numeric work of the block Cholesky solver: the left-looking supernodal
-// factorisation (updates from descendants as dense products, the panel
-// factorised in blocks) and the multi-column forward and back solves. The
-// dense work goes through BLAS level 3; complex matrices are symmetric, so
-// every transpose is a plain one (no conjugation).
+// factorisation (updates from descendants as dense products, each panel
+// factorised by halves down to a small column kernel) and the multi-column
+// forward and back solves. The dense work goes through BLAS level 3 on
+// OpenMP's threads; complex matrices are symmetric, so every transpose is a
+// plain one (no conjugation).
 #include <cblas.h>
 #include <omp.h>
 
@@ -234,10 +235,14 @@ int64_t Factor_Panel(T *p, int64_t rows, int64_t w, int64_t ld, T *work, int thr
   T *c = p + w1 + w1 * ld;
   const int64_t below = rows - w1;
   const int parts = Parts_For(below * w2 * w1, threads);
-  const std::vector<int64_t> edge = Split_Columns(below, w2, parts);
-#pragma omp parallel for num_threads(parts) if (parts > 1)
-  for (int k = 0; k < parts; k++)
-    Update_Trapezoid(c, ld, l, ld, below, w1, edge[k], edge[k + 1]);
+  if (parts == 1) {
+    Update_Trapezoid(c, ld, l, ld, below, w1, 0, w2);
+  } else {
+    const std::vector<int64_t> edge = Split_Columns(below, w2, parts);
+#pragma omp parallel for num_threads(parts)
+    for (int k = 0; k < parts; k++)
+      Update_Trapezoid(c, ld, l, ld, below, w1, edge[k], edge[k + 1]);
+  }
   const int64_t bad2 = Factor_Panel(c, below, w2, ld, work, threads);
   return bad2 ? w1 + bad2 : 0;
 }
