@@ -127,18 +127,33 @@ std::vector<int64_t> Split_Columns(int64_t rows, int64_t cols, int parts) {
   return edge;
 }
 
-// Columns lo .. hi-1 of the lower trapezoid C (rows x cols) minus A A^T
-// (A: rows x k): SYRK on their diagonal block, a GEMM below it.
+// Columns lo .. hi-1 of the lower trapezoid C (rows x cols) set to
+// alpha A A^T + beta C (A: rows x k): SYRK on their diagonal block, a GEMM
+// below it.
 template <class T>
 void Update_Trapezoid(T *c, int64_t ldc, const T *a, int64_t lda, int64_t rows, int64_t k,
-                      int64_t lo, int64_t hi) {
+                      int64_t lo, int64_t hi, T alpha = T(-1), T beta = T(1)) {
   const int64_t nc = hi - lo;
   if (nc <= 0)
     return;
-  Syrk(nc, k, T(-1), a + lo, lda, T(1), c + lo + lo * ldc, ldc);
+  Syrk(nc, k, alpha, a + lo, lda, beta, c + lo + lo * ldc, ldc);
   if (rows > hi)
-    Gemm(false, true, rows - hi, nc, k, T(-1), a + hi, lda, a + lo, lda, T(1), c + hi + lo * ldc,
+    Gemm(false, true, rows - hi, nc, k, alpha, a + hi, lda, a + lo, lda, beta, c + hi + lo * ldc,
          ldc);
+}
+
+// A descendant's product for its first nn rows (pk: m x wk, leading
+// dimension ldk) into C (m x nn, leading dimension ldc) as alpha P P^T +
+// beta C: wide blocks make only the lower triangle of their top nn x nn
+// block (half the products where the descendant's rows mostly lie in the
+// target); narrow ones one GEMM over the whole block.
+template <class T>
+void Descendant_Product(const T *pk, int64_t ldk, int64_t m, int64_t nn, int64_t wk, T alpha,
+                        T beta, T *c, int64_t ldc) {
+  if (nn >= syrk_columns)
+    Update_Trapezoid(c, ldc, pk, ldk, m, wk, 0, nn, alpha, beta);
+  else
+    Gemm(false, true, m, nn, wk, alpha, pk, ldk, pk, ldk, beta, c, ldc);
 }
 
 // y = y - f x over n values.
@@ -306,25 +321,11 @@ void Update_Columns(const Blkfct &b, T *lnz, int64_t J, int64_t lo, int64_t hi, 
     // Where the descendant's rows all lie next to each other in J, the
     // product goes straight into J's panel.
     if (map[rows_k[m - 1]] - map[rows_k[0]] == m - 1) {
-      T *dst = pj + map[rows_k[0]] + (rows_k[0] - f) * rows;
-      if (nn >= syrk_columns) {
-        Syrk(nn, wk, T(-1), pk, rk_n, T(1), dst, rows);
-        if (m > nn)
-          Gemm(false, true, m - nn, nn, wk, T(-1), pk + nn, rk_n, pk, rk_n, T(1), dst + nn, rows);
-      } else {
-        Gemm(false, true, m, nn, wk, T(-1), pk, rk_n, pk, rk_n, T(1), dst, rows);
-      }
+      Descendant_Product(pk, rk_n, m, nn, wk, T(-1), T(1),
+                         pj + map[rows_k[0]] + (rows_k[0] - f) * rows, rows);
       continue;
     }
-    // The top nn x nn block is symmetric: only its lower triangle is made
-    // (half the products where the descendant's rows mostly lie in J).
-    if (nn >= syrk_columns) {
-      Syrk(nn, wk, T(1), pk, rk_n, T(0), w, m);
-      if (m > nn)
-        Gemm(false, true, m - nn, nn, wk, T(1), pk + nn, rk_n, pk, rk_n, T(0), w + nn, m);
-    } else {
-      Gemm(false, true, m, nn, wk, T(1), pk, rk_n, pk, rk_n, T(0), w, m);
-    }
+    Descendant_Product(pk, rk_n, m, nn, wk, T(1), T(0), w, m);
     int *at = reinterpret_cast<int *>(w + m * nn);
     for (int64_t r = 0; r < m; r++)
       at[r] = map[rows_k[r]];
