@@ -218,6 +218,270 @@ def time_lapse(f):
     f.write("0\n0\n0\n0\n0\n")
 
 
+
+# Field-like surveys for the forward model's accuracy checks (`check-mesh`):
+# electrodes off the model grid lines, thin layers, a layered earth, sloping
+# and rough ground, boreholes off the grid lines. Their values are the
+# closed-form values of the ground each file describes, so the files are
+# also consistent data sets.
+
+def jitter(v, amp, seed):
+    """A repeatable offset in [-amp, amp] (no random module: stable files)."""
+    s = math.sin(seed * 12.9898 + v * 78.233) * 43758.5453
+    return amp * (2.0 * (s - math.floor(s)) - 1.0)
+
+
+def write_general_header(f, title, xs, ys, resistance=False):
+    write_header(f, title, xs, ys)
+    f.write("11\n0\nType of data (0=Apparent Resistivity,1=Resistance)\n%d\n"
+            % (1 if resistance else 0))
+
+
+def write_depths(f, depths):
+    f.write("User defined depths to layers present\nNumber of layers\n%d\nDepth of layers\n"
+            % len(depths))
+    for i, d in enumerate(depths):
+        f.write("%3d %12.4f\n" % (i + 1, d))
+
+
+def line_arrays(line, kinds=("dd",), nmax=6, reversed_dipoles=False):
+    """Arrays along one line of electrode indices: dipole-dipole n = 1..nmax
+    (C2 C1 P1 P2; with `reversed_dipoles` also the reversed potential dipole
+    of n = 1 and 3: negative geometric factors), Wenner alpha and pole-dipole (C1 P1 P2, both ways)."""
+    out = []
+    m = len(line)
+    for i in range(m):
+        for n in range(1, nmax + 1):
+            if "dd" in kinds and i + n + 2 < m:
+                c2, c1, p1, p2 = line[i], line[i + 1], line[i + n + 1], line[i + n + 2]
+                out.append((c1, c2, p1, p2))
+                if reversed_dipoles and n in (1, 3):
+                    out.append((c1, c2, p2, p1))
+            if "pd" in kinds:
+                if i + n + 1 < m:
+                    out.append((line[i], line[i + n], line[i + n + 1]))
+                if i - n - 1 >= 0:
+                    out.append((line[i], line[i - n], line[i - n - 1]))
+        if "wenner" in kinds:
+            for a in range(1, (m - 1 - i) // 3 + 1):
+                out.append((line[i], line[i + 3 * a], line[i + a], line[i + 2 * a]))
+    return out
+
+
+def distance(a, b):
+    return math.sqrt(sum((a[k] - b[k]) ** 2 for k in range(3)))
+
+
+def transfer(arr, potential):
+    """Four-term (or fewer) potential difference of an array (C1 C2 P1 P2,
+    C1 P1 P2 or C1 P1), with `potential(c, p)` the potential of unit current."""
+    if len(arr) == 4:
+        c1, c2, p1, p2 = arr
+        return potential(c1, p1) - potential(c1, p2) - potential(c2, p1) + potential(c2, p2)
+    if len(arr) == 3:
+        c1, p1, p2 = arr
+        return potential(c1, p1) - potential(c1, p2)
+    return potential(arr[0], arr[1])
+
+
+def surface_potential(rho1):
+    return lambda c, p: rho1 / (2.0 * math.pi * distance(c, p))
+
+
+def two_layer_potential(rho1, rho2, h):
+    k = (rho2 - rho1) / (rho2 + rho1)
+    def v(c, p):
+        r = math.hypot(c[0] - p[0], c[1] - p[1])
+        s, kn = 1.0 / r, 1.0
+        for n in range(1, 100000):
+            kn *= k
+            t = 2.0 * kn / math.sqrt(r * r + 4.0 * n * n * h * h)
+            s += t
+            if abs(t) < 1e-13:
+                break
+        return rho1 * s / (2.0 * math.pi)
+    return v
+
+
+def buried_potential(rho1):
+    """Half-space with the source and receiver at depth (z = depth, down):
+    the source and its image above the surface."""
+    def v(c, p):
+        r = distance(c, p)
+        ri = math.sqrt((c[0] - p[0]) ** 2 + (c[1] - p[1]) ** 2 + (c[2] + p[2]) ** 2)
+        return rho1 / (4.0 * math.pi) * (1.0 / r + 1.0 / ri)
+    return v
+
+
+def write_data_lines(f, arrays, value, pos):
+    """`value(arr)` the datum, `pos(e)` the text of one electrode."""
+    f.write("%d\n" % len(arrays))
+    for arr in arrays:
+        f.write("%d " % len(arr) + "  ".join(pos(e) for e in arr) + "  %.6g\n" % value(arr))
+
+
+def apparent(arr, potential, geometric):
+    """Apparent resistivity: the transfer resistance over the flat-ground
+    (or image form) factor of the same array."""
+    return transfer(arr, potential) / transfer(arr, geometric)
+
+
+def grid_survey(nx, ny, step, off=0.0, seed=1):
+    """Electrodes of an nx by ny grid, moved off the model grid lines by up
+    to `off` of the spacing; lines along x and along y."""
+    xs = grid_lines(nx, step)
+    ys = grid_lines(ny, step)
+    elec = {}
+    for j in range(ny):
+        for i in range(nx):
+            dx = jitter(i + 31 * j, off * step, seed) if 0 < i < nx - 1 else 0.0
+            dy = jitter(i + 31 * j, off * step, seed + 7) if 0 < j < ny - 1 else 0.0
+            elec[(i, j)] = (xs[i] + dx, ys[j] + dy, 0.0)
+    lines = [[elec[(i, j)] for i in range(nx)] for j in range(ny)]
+    lines += [[elec[(i, j)] for j in range(ny)] for i in range(nx)]
+    return xs, ys, [elec[(i, j)] for j in range(ny) for i in range(nx)], lines
+
+
+def field_half_space(f):
+    xs, ys, elecs, lines = grid_survey(9, 14, 2.5, off=0.3)
+    write_general_header(f, "Half-space of 100 ohm-m: 9 by 14 electrodes at 2.5 m, moved up "
+                         "to 0.3 spacings off the grid lines", xs, ys)
+    write_electrodes(f, elecs)
+    arrays = [a for ln in lines for a in line_arrays(ln, ("dd", "pd"), nmax=4)]
+    flat = surface_potential(1.0)
+    write_data_lines(f, arrays, lambda a: 100.0, lambda e: fmt_pos(e))
+    f.write("0\n0\n0\n0\n0\n")
+
+
+def field_thin_layers(f):
+    xs, ys, elecs, lines = grid_survey(9, 14, 2.5)
+    write_general_header(f, "Half-space of 100 ohm-m under user layers 0.5 m thick "
+                         "(0.2 of the 2.5 m spacing) down to 3 m", xs, ys)
+    write_electrodes(f, elecs)
+    write_depths(f, [0.5, 1.0, 1.5, 2.0, 2.5, 3.0, 4.0, 5.0, 6.5, 8.0, 10.0, 12.5])
+    arrays = [a for ln in lines for a in line_arrays(ln, ("dd",), nmax=6)]
+    write_data_lines(f, arrays, lambda a: 100.0, lambda e: fmt_pos(e))
+    f.write("0\n0\n0\n0\n0\n")
+
+
+def field_two_layer(f):
+    xs, ys, elecs, lines = grid_survey(9, 14, 2.5)
+    write_general_header(f, "Two-layer earth: 100 ohm-m over 10 ohm-m from 3 m "
+                         "(model field_two_layer_model.txt)", xs, ys)
+    write_electrodes(f, elecs)
+    write_depths(f, [1.0, 2.0, 3.0, 4.0, 5.25, 6.75, 8.5, 10.5, 13.0])
+    arrays = [a for ln in lines for a in line_arrays(ln, ("dd", "pd", "wenner"), nmax=6)]
+    two = two_layer_potential(100.0, 10.0, 3.0)
+    flat = surface_potential(1.0)
+    write_data_lines(f, arrays, lambda a: apparent(a, two, flat), lambda e: fmt_pos(e))
+    f.write("0\n0\n0\n0\n0\n")
+
+
+def field_two_layer_model(f):
+    f.write("# Two-layer earth of field_two_layer.dat: 100 ohm-m from the surface to\n"
+            "# 3 m over a 10 ohm-m half-space.\n"
+            "background 10\nlayer 0 3 100\n")
+
+
+def slope(deg):
+    def body(f):
+        t = math.tan(math.radians(deg))
+        xs, ys, flat_elecs, _ = grid_survey(9, 14, 2.5, off=0.3, seed=deg)
+        elecs = [(e[0], e[1], 50.0 + t * e[0]) for e in flat_elecs]
+        nx, ny = 9, 14
+        lines = [[elecs[i + nx * j] for i in range(nx)] for j in range(ny)]
+        lines += [[elecs[i + nx * j] for j in range(ny)] for i in range(nx)]
+        write_general_header(f, "Resistances over a 100 ohm-m half-space under a plane sloping "
+                             "%d degrees along x, electrodes on the plane off the grid lines"
+                             % deg, xs, ys, resistance=True)
+        write_electrodes(f, elecs)
+        arrays = [a for ln in lines
+                  for a in line_arrays(ln, ("dd", "pd"), nmax=5, reversed_dipoles=True)]
+        exact = surface_potential(100.0)  # 3-D distances on the plane
+        write_data_lines(f, arrays, lambda a: transfer(a, exact), lambda e: fmt_pos(e))
+        f.write("Topography present\n1\nTopography in unstructured list\n"
+                "Number of topography data points\n%d\nTopography data points (index,x,y,z)\n"
+                % len(elecs))
+        for k, e in enumerate(elecs):
+            f.write("%4d %.3f %.3f %.3f\n" % (k + 1, e[0], e[1], e[2]))
+        f.write("0\n0\n0\n0\n0\n")
+    return body
+
+
+def field_boreholes(f):
+    """Four boreholes a few tenths of the spacing off the grid lines, nine
+    electrodes each from 1.3 m to 6.9 m, and a surface line through them."""
+    xs = grid_lines(11, 2.0)
+    ys = grid_lines(9, 2.0)
+    holes = [(4.6, 4.7), (15.3, 4.4), (4.5, 11.6), (15.7, 11.3)]
+    depths = [1.3 + 0.7 * k for k in range(9)]
+    holes_e = [[(hx, hy, d) for d in depths] for hx, hy in holes]
+    surface = [(1.0 + 2.0 * k + jitter(k, 0.4, 3), 8.2, 0.0) for k in range(10)]
+    elecs = [e for h in holes_e for e in h] + surface
+    write_header(f, "Four boreholes off the grid lines, nine electrodes each at 1.3 to 6.9 m, "
+                 "and a surface line", xs, ys)
+    f.write("11\n0\nType of data (0=Apparent Resistivity,1=Resistance)\n0\n")
+    write_electrodes(f, [(e[0], e[1], 0.0, e[2]) for e in elecs], depths=True, borehole=True)
+    arrays = []
+    for a in range(4):
+        for b in range(4):
+            if a == b:
+                continue
+            for i in range(8):
+                for j in range(0, 8, 2):
+                    arrays.append((holes_e[a][i], holes_e[a][i + 1], holes_e[b][j], holes_e[b][j + 1]))
+        # In-hole Wenner and pole-dipole along each borehole.
+        arrays += line_arrays(holes_e[a], ("wenner", "pd"), nmax=3)
+    for a in range(4):
+        for k in range(0, 10, 3):
+            arrays.append((surface[k], holes_e[a][4], surface[(k + 4) % 10], holes_e[a][8]))
+    arrays += line_arrays(surface, ("dd",), nmax=4)
+    v = buried_potential(1.0)
+    write_data_lines(f, arrays, lambda a: 100.0,
+                     lambda e: "%.3f %.3f %.3f" % (e[0], e[1], e[2]))
+    f.write("0\n0\n0\n0\n0\n")
+
+
+def rough_height(x, y):
+    # Relief of about 10 % of the survey's length, slopes up to 30 degrees,
+    # and bumps a few cells across on the hillside.
+    return (120.0 + 4.0 * math.sin(2 * math.pi * x / 75.0 + 0.4)
+            + 1.4 * math.cos(2 * math.pi * y / 45.0) * math.sin(2 * math.pi * x / 90.0)
+            + 0.35 * math.sin(2 * math.pi * (x + 0.6 * y) / 14.0) + 0.04 * x)
+
+
+def field_rough_topography(f):
+    """577 electrodes at 4 to 5 m, not on the grid lines, over rough ground."""
+    nx, ny = 24, 24
+    step = 4.5
+    xs = grid_lines(nx + 1, 4.5)
+    ys = grid_lines(ny + 1, 4.5)
+    elec = {}
+    for j in range(ny):
+        for i in range(nx):
+            x = 1.2 + i * step + jitter(i + 57 * j, 0.5, 11)
+            y = 1.1 + j * step + jitter(i + 57 * j, 0.5, 13)
+            # Elevations as a GPS records them: 0.2 m of scatter.
+            elec[(i, j)] = (x, y, rough_height(x, y) + jitter(i + 57 * j, 0.2, 17))
+    elecs = [elec[(i, j)] for j in range(ny) for i in range(nx)]
+    remote = (xs[-1] - 0.8, ys[-1] - 0.7)
+    elecs.append((remote[0], remote[1], rough_height(*remote)))
+    lines = [[elec[(i, j)] for i in range(nx)] for j in range(ny)]
+    lines += [[elec[(i, j)] for j in range(ny)] for i in range(1, nx, 2)]
+    write_general_header(f, "Rough ground: 577 electrodes at 4 to 5 m off the grid lines over "
+                         "about 11 m of relief, slopes to 30 degrees, 100 ohm-m", xs, ys)
+    write_electrodes(f, elecs)
+    arrays = [a for ln in lines for a in line_arrays(ln, ("dd",), nmax=4)]
+    arrays += [(elecs[k], elecs[k + 1], elecs[-1]) for k in range(0, 20)]
+    write_data_lines(f, arrays, lambda a: 100.0, lambda e: fmt_pos(e))
+    f.write("Topography present\n1\nTopography in unstructured list\n"
+            "Number of topography data points\n%d\nTopography data points (index,x,y,z)\n"
+            % len(elecs))
+    for k, e in enumerate(elecs):
+        f.write("%4d %.3f %.3f %.3f\n" % (k + 1, e[0], e[1], e[2]))
+    f.write("0\n0\n0\n0\n0\n")
+
+
 if __name__ == "__main__":
     os.makedirs(OUT, exist_ok=True)
     write("grid_dipole_dipole.dat", dipole_dipole)
@@ -227,3 +491,11 @@ if __name__ == "__main__":
     write("ip_chargeability.dat", ip)
     write("time_lapse.dat", time_lapse)
     write("grid_9x14.dat", grid_9x14)
+    write("field_half_space.dat", field_half_space)
+    write("field_thin_layers.dat", field_thin_layers)
+    write("field_two_layer.dat", field_two_layer)
+    write("field_two_layer_model.txt", field_two_layer_model)
+    write("field_slope11.dat", slope(11))
+    write("field_slope20.dat", slope(20))
+    write("field_boreholes.dat", field_boreholes)
+    write("field_rough_topography.dat", field_rough_topography)

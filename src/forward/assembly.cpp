@@ -21,39 +21,53 @@ void Element_Points(const Element &el, double p[8][3]) {
   }
 }
 
-// Position in hex_pairs of the node pair (a, b), either order.
-int Hex_Pair_Index(int a, int b) {
+// Position in `pairs` (`nv` values) of the node pair (a, b), either order.
+int Pair_Index(const int (*pairs)[2], int nv, int a, int b) {
   const int lo = std::min(a, b), hi = std::max(a, b);
-  for (int v = 0; v < hex_values; v++)
-    if (hex_pairs[v][0] == lo && hex_pairs[v][1] == hi)
+  for (int v = 0; v < nv; v++)
+    if (pairs[v][0] == lo && pairs[v][1] == hi)
       return v;
   return 0; // every face pair is a stored pair
 }
 
-// One element into the store; returns the failed inserts. `unit` (10 or 32
-// values) receives the unit-conductivity matrix when not null.
-int Add_Element(CooMatrix64 &m, const Element &el, double xmid, double ymid, float *unit) {
+// The element's unit-conductivity matrix; returns its number of values.
+int Element_Matrix(const Element &el, int hex_element, double k[hexq_values]) {
   double p[8][3];
   Element_Points(el, p);
-  const double sr = el.cond_r, si = el.cond_i;
-  int fail = 0;
   if (el.tet) {
-    double k[tet_values];
     Tet_Element_Matrix(p, k);
-    for (int v = 0; v < tet_values; v++) {
-      fail += m.add(el.node[tet_pairs[v][0]], el.node[tet_pairs[v][1]], k[v] * sr, k[v] * si);
-      if (unit)
-        unit[v] = static_cast<float>(k[v]);
-    }
-    return fail;
+    return tet_values;
   }
-  double k[hex_values];
+  if (el.nnodes == 5) {
+    Pyramid_Element_Matrix(p, k);
+    return pyr_values;
+  }
+  if (hex_element != HEX_AVERAGED_TETS) {
+    Hex_Q1_Element_Matrix(p, k, hex_element == HEX_TRILINEAR_HARMONIC);
+    return hexq_values;
+  }
   Hex_Element_Matrix(p, k);
-  for (int v = 0; v < hex_values; v++) {
-    fail += m.add(el.node[hex_pairs[v][0]], el.node[hex_pairs[v][1]], k[v] * sr, k[v] * si);
+  return hex_values;
+}
+
+// One element into the store; returns the failed inserts. `unit` receives
+// the unit-conductivity matrix when not null.
+int Add_Element(CooMatrix64 &m, const Element &el, int hex_element, double xmid, double ymid,
+                float *unit) {
+  const double sr = el.cond_r, si = el.cond_i;
+  double k[hexq_values];
+  const int nv = Element_Matrix(el, hex_element, k);
+  const int(*pairs)[2] = Element_Pairs(nv);
+  int fail = 0;
+  for (int v = 0; v < nv; v++) {
+    fail += m.add(el.node[pairs[v][0]], el.node[pairs[v][1]], k[v] * sr, k[v] * si);
     if (unit)
       unit[v] = static_cast<float>(k[v]);
   }
+  if (el.nnodes != 8)
+    return fail;
+  double p[8][3];
+  Element_Points(el, p);
   for (int f = 0; f < 5; f++) {
     if (!(el.faces & (1 << f)))
       continue;
@@ -75,8 +89,8 @@ int Add_Element(CooMatrix64 &m, const Element &el, double xmid, double ymid, flo
       double mu[10];
       Boundary_Face_Matrix(g, mu);
       for (int v = 0; v < 10; v++)
-        unit[Hex_Pair_Index(hex_face_nodes[f][face_pairs[v][0]],
-                            hex_face_nodes[f][face_pairs[v][1]])] += static_cast<float>(mu[v]);
+        unit[Pair_Index(pairs, nv, hex_face_nodes[f][face_pairs[v][0]],
+                        hex_face_nodes[f][face_pairs[v][1]])] += static_cast<float>(mu[v]);
     }
   }
   return fail;
@@ -93,7 +107,8 @@ int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string
     if (fem.cp_offset.Resize(ds, ne + 1, "element store offsets"))
       return 1;
     for (int64_t e = 0; e < ne; e++)
-      fem.cp_offset[e + 1] = fem.cp_offset[e] + (ss.elements[e].tet ? tet_values : hex_values);
+      fem.cp_offset[e + 1] =
+          fem.cp_offset[e] + Element_Value_Count(ss.elements[e].nnodes, fem.hex_element);
     if (fem.cp18.Resize(ds, fem.cp_offset[ne], "element store"))
       return 1;
   }
@@ -113,7 +128,7 @@ int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string
       if ((k & 1) != parity)
         continue;
       for (int64_t e = ss.level_first[k - 1]; e < ss.level_first[k]; e++)
-        fail += Add_Element(m, ss.elements[e], xmid, ymid,
+        fail += Add_Element(m, ss.elements[e], fem.hex_element, xmid, ymid,
                             jacob ? fem.cp18.data() + fem.cp_offset[e] : nullptr);
     }
   }

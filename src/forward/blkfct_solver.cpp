@@ -23,7 +23,9 @@
 
 namespace {
 
-constexpr int max_neighbours = 30;
+// Trilinear hexahedra couple a node to its 26 lattice neighbours; the
+// tetrahedra and pyramids of transition blocks add a few more.
+constexpr int max_neighbours = 64;
 constexpr int blk_refine_steps = 3;
 
 // The fill-reducing order, from the cache while the pattern stays the same.
@@ -32,7 +34,7 @@ int Order_Matrix(Data_Set &ds, std::vector<int> &perm, std::vector<int> &invp,
   CooMatrix64 &m = ds.Fem.coomatrix64;
   const int64_t n = m.n;
   xadj.assign(n + 1, 0);
-  adjncy.assign(std::max<int64_t>(max_neighbours * n, 1), 0);
+  adjncy.assign(std::max<int64_t>(2 * m.count, 1), 0);
   TRACE("Use_BLKFCT_Solver create adjncy\n");
   const int64_t longest = m.Set_Adjacency_From_CSR(max_neighbours, xadj.data(), adjncy.data());
   if (longest < 0) {

@@ -10,6 +10,30 @@ const int hex_pairs[hex_values][2] = {
     {1, 5}, {1, 6}, {2, 2}, {2, 3}, {2, 5}, {2, 6}, {2, 7}, {3, 3}, {3, 4}, {3, 6}, {3, 7},
     {4, 4}, {4, 5}, {4, 6}, {4, 7}, {5, 5}, {5, 6}, {5, 7}, {6, 6}, {6, 7}, {7, 7}};
 
+// Whole upper triangles by rows.
+const int hexq_pairs[hexq_values][2] = {
+    {0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 4}, {0, 5}, {0, 6}, {0, 7}, {1, 1}, {1, 2}, {1, 3}, {1, 4},
+    {1, 5}, {1, 6}, {1, 7}, {2, 2}, {2, 3}, {2, 4}, {2, 5}, {2, 6}, {2, 7}, {3, 3}, {3, 4}, {3, 5},
+    {3, 6}, {3, 7}, {4, 4}, {4, 5}, {4, 6}, {4, 7}, {5, 5}, {5, 6}, {5, 7}, {6, 6}, {6, 7}, {7, 7}};
+const int pyr_pairs[pyr_values][2] = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 4},
+                                      {1, 1}, {1, 2}, {1, 3}, {1, 4}, {2, 2},
+                                      {2, 3}, {2, 4}, {3, 3}, {3, 4}, {4, 4}};
+
+const int (*Element_Pairs(int values))[2] {
+  switch (values) {
+  case tet_values:
+    return tet_pairs;
+  case pyr_values:
+    return pyr_pairs;
+  case hex_values:
+    return hex_pairs;
+  case hexq_values:
+    return hexq_pairs;
+  default:
+    return nullptr;
+  }
+}
+
 const int hex_face_nodes[5][4] = {
     {0, 1, 5, 4}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 5, 6, 7}, {1, 2, 6, 5}};
 const int hex_face_axis[5] = {0, 0, 1, 1, 2};
@@ -29,7 +53,113 @@ double Dot(const double a[3], const double b[3]) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
+// Stiffness of an isoparametric element of N nodes at positions p: at each
+// Gauss point (ng points a direction, tensor product) `shape` gives the
+// shape functions' derivatives in reference coordinates. The diagonal is the
+// negated sum of each row's other entries, so rows sum to zero exactly.
+// Point sets a direction: 2 Gauss points, 3 Gauss points, and the two
+// points at +-sqrt(2/3) (see Hex_Q1_Element_Matrix).
+enum Rule { GAUSS2, GAUSS3, HARMONIC2 };
+
+template <int N, class Shape>
+void Isoparametric_Matrix(const double p[][3], Rule rule, Shape shape, double m[N][N]) {
+  static const double g2[2] = {-0.5773502691896257645, 0.5773502691896257645};
+  static const double h2[2] = {-0.8164965809277260327, 0.8164965809277260327};
+  static const double w2[2] = {1.0, 1.0};
+  static const double g3[3] = {-0.7745966692414833770, 0.0, 0.7745966692414833770};
+  static const double w3[3] = {5.0 / 9.0, 8.0 / 9.0, 5.0 / 9.0};
+  const int ng = rule == GAUSS3 ? 3 : 2;
+  const double *g = rule == GAUSS3 ? g3 : rule == GAUSS2 ? g2 : h2;
+  const double *w = rule == GAUSS3 ? w3 : w2;
+  for (int i = 0; i < N; i++)
+    for (int j = 0; j < N; j++)
+      m[i][j] = 0.0;
+  for (int a = 0; a < ng; a++)
+    for (int b = 0; b < ng; b++)
+      for (int c = 0; c < ng; c++) {
+        double dn[N][3];
+        shape(g[a], g[b], g[c], dn);
+        // Jacobian J[r][d] = d x_d / d xi_r, its inverse by cofactors.
+        double J[3][3] = {};
+        for (int n = 0; n < N; n++)
+          for (int r = 0; r < 3; r++)
+            for (int d = 0; d < 3; d++)
+              J[r][d] += dn[n][r] * p[n][d];
+        double cof[3][3];
+        for (int r = 0; r < 3; r++)
+          for (int d = 0; d < 3; d++) {
+            const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
+            cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
+          }
+        const double det = J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
+        if (det == 0.0)
+          continue;
+        // Physical gradients: grad N = J^-1 dN, J^-1[d][r] = cof[r][d] / det.
+        double gr[N][3];
+        for (int n = 0; n < N; n++)
+          for (int d = 0; d < 3; d++)
+            gr[n][d] = (cof[0][d] * dn[n][0] + cof[1][d] * dn[n][1] + cof[2][d] * dn[n][2]) / det;
+        const double f = w[a] * w[b] * w[c] * std::fabs(det);
+        for (int i = 0; i < N; i++)
+          for (int j = i + 1; j < N; j++)
+            m[i][j] += f * Dot(gr[i], gr[j]);
+      }
+  for (int i = 0; i < N; i++) {
+    double s = 0.0;
+    for (int j = 0; j < N; j++)
+      if (j != i) {
+        m[j][i] = m[i < j ? i : j][i < j ? j : i];
+        s += m[j][i];
+      }
+    m[i][i] = -s;
+  }
+}
+
+// Reference corners of the hexahedron's nodes: x, y, and z (+1 top).
+const double hex_ref[8][3] = {{-1, -1, 1}, {-1, -1, -1}, {1, -1, -1}, {1, -1, 1},
+                              {-1, 1, 1},  {-1, 1, -1},  {1, 1, -1},  {1, 1, 1}};
+// Reference corners of the pyramid's base, round it; the apex is at zeta 1.
+const double pyr_ref[4][2] = {{-1, -1}, {1, -1}, {1, 1}, {-1, 1}};
+
 } // namespace
+
+void Hex_Q1_Element_Matrix(const double p[8][3], double k[hexq_values], bool harmonic) {
+  double m[8][8];
+  Isoparametric_Matrix<8>(
+      p, harmonic ? HARMONIC2 : GAUSS2,
+      [](double x, double y, double z, double dn[8][3]) {
+        for (int n = 0; n < 8; n++) {
+          const double a = 1 + x * hex_ref[n][0], b = 1 + y * hex_ref[n][1],
+                       c = 1 + z * hex_ref[n][2];
+          dn[n][0] = 0.125 * hex_ref[n][0] * b * c;
+          dn[n][1] = 0.125 * hex_ref[n][1] * a * c;
+          dn[n][2] = 0.125 * hex_ref[n][2] * a * b;
+        }
+      },
+      m);
+  for (int v = 0; v < hexq_values; v++)
+    k[v] = m[hexq_pairs[v][0]][hexq_pairs[v][1]];
+}
+
+void Pyramid_Element_Matrix(const double p[5][3], double k[pyr_values]) {
+  double m[5][5];
+  Isoparametric_Matrix<5>(
+      p, GAUSS3,
+      [](double x, double y, double z, double dn[5][3]) {
+        // Base nodes (1 + x xi)(1 + y eta)(1 - z) / 8, apex (1 + z) / 2.
+        for (int n = 0; n < 4; n++) {
+          const double a = 1 + x * pyr_ref[n][0], b = 1 + y * pyr_ref[n][1];
+          dn[n][0] = 0.125 * pyr_ref[n][0] * b * (1 - z);
+          dn[n][1] = 0.125 * pyr_ref[n][1] * a * (1 - z);
+          dn[n][2] = -0.125 * a * b;
+        }
+        dn[4][0] = dn[4][1] = 0.0;
+        dn[4][2] = 0.5;
+      },
+      m);
+  for (int v = 0; v < pyr_values; v++)
+    k[v] = m[pyr_pairs[v][0]][pyr_pairs[v][1]];
+}
 
 double Tet_Element_Matrix(const double p[4][3], double k[tet_values]) {
   double e[3][3];

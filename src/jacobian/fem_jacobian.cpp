@@ -111,18 +111,20 @@ int Build_Layout(Data_Set &ds, Cell_Layout &c) {
   if (Element_Model_Blocks(ds, block))
     return 1;
   const int64_t ne = ss.number_elements;
-  std::vector<int> ntet(nmodel, 0), nhex(nmodel, 0);
+  std::vector<int> ntet(nmodel, 0), nhex(nmodel, 0), npyr(nmodel, 0);
   for (int64_t e = 0; e < ne; e++) {
     const int b = block[e];
     if (b < 0 || b >= nmodel)
       continue;
-    (ss.elements[e].tet ? ntet : nhex)[b]++;
+    const int nn = ss.elements[e].nnodes;
+    (nn == 4 ? ntet : nn == 5 ? npyr : nhex)[b]++;
   }
-  Calculate_Finite_Element_Jacobian_ksort_block_ss(nmodel, ntet.data(), nhex.data(), c.ksort);
+  Calculate_Finite_Element_Jacobian_ksort_block_ss(nmodel, ntet.data(), nhex.data(), c.ksort,
+                                                   npyr.data());
   TRACE("ksort max %d\n", c.ksort[nmodel]);
   c.elem_start.assign(nmodel + 1, 0);
   for (int b = 0; b < nmodel; b++)
-    c.elem_start[b + 1] = c.elem_start[b] + ntet[b] + nhex[b];
+    c.elem_start[b + 1] = c.elem_start[b] + ntet[b] + nhex[b] + npyr[b];
   c.elems.assign(c.elem_start[nmodel], 0);
   std::vector<int> at(c.elem_start.begin(), c.elem_start.end() - 1);
   c.cond_r.assign(nmodel, 0.0f);
@@ -259,8 +261,8 @@ void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, fl
       const int64_t e = c.elems[q];
       const Element &el = ss.elements[e];
       const float *kv = fem.cp18.data() + fem.cp_offset[e];
-      const int nv = el.tet ? tet_values : hex_values;
-      const int(*pairs)[2] = el.tet ? tet_pairs : hex_pairs;
+      const int nv = static_cast<int>(fem.cp_offset[e + 1] - fem.cp_offset[e]);
+      const int(*pairs)[2] = Element_Pairs(nv);
       const int nn = el.nnodes;
       // The fields at the element's nodes, gathered once.
       float ql[8][lanes];
@@ -358,15 +360,16 @@ void Jacobian_Hit_Types(const Data_Set &ds, std::vector<int> &hit) {
 }
 
 void Calculate_Finite_Element_Jacobian_ksort_block_ss(int nmodel, const int *nelem_tet,
-                                                      const int *nelem_hex,
-                                                      std::vector<int> &ksort) {
+                                                      const int *nelem_hex, std::vector<int> &ksort,
+                                                      const int *nelem_pyr) {
   if (nmodel < 1) {
     ksort.assign(1, 0);
     return;
   }
   ksort.assign(nmodel + 1, 0);
   for (int b = 0; b < nmodel; b++)
-    ksort[b + 1] = ksort[b] + 4 * std::max(nelem_tet[b], 0) + 8 * std::max(nelem_hex[b], 0);
+    ksort[b + 1] = ksort[b] + 4 * std::max(nelem_tet[b], 0) + 8 * std::max(nelem_hex[b], 0) +
+                   (nelem_pyr ? 5 * std::max(nelem_pyr[b], 0) : 0);
 }
 
 int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds) {

@@ -15,10 +15,11 @@ class LS_Method;
 // Hit type of each datum: how it shares its current field with the next.
 void Jacobian_Hit_Types(const Data_Set &ds, std::vector<int> &hit);
 // Offsets of each cell's element-node values (4 a tetrahedron, 8 a
-// hexahedron) from the block-to-element map; ksort has nmodel + 1 entries.
+// hexahedron, 5 a pyramid) from the block-to-element map; ksort has
+// nmodel + 1 entries.
 void Calculate_Finite_Element_Jacobian_ksort_block_ss(int nmodel, const int *nelem_tet,
-                                                      const int *nelem_hex,
-                                                      std::vector<int> &ksort);
+                                                      const int *nelem_hex, std::vector<int> &ksort,
+                                                      const int *nelem_pyr = nullptr);
 // The Jacobian from the last forward model run with `jacob`, written to the
 // Jacobian file; gathers the Hessian diagonal into ds.LS.diag_hessian_res.
 int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds);

@@ -15,12 +15,18 @@ double Element_Volume(const Data_Set &ds, int64_t e) {
     const int s = node - 1;
     return static_cast<double>(d == 0 ? ss.xnodess[s] : d == 1 ? ss.ynodess[s] : ss.znodess[s]);
   };
-  if (el.tet) {
-    double p[4][3];
-    for (int c = 0; c < 4; c++)
-      for (int d = 0; d < 3; d++)
-        p[c][d] = pos(el.node[c], d);
-    return std::fabs(Tet_Volume6(p)) / 6.0;
+  if (el.nnodes != 8) {
+    // A tetrahedron, or a pyramid as two tetrahedra on its base's diagonal.
+    static const int cut[2][4] = {{0, 1, 2, 4}, {0, 2, 3, 4}};
+    double v = 0.0;
+    for (int t = 0; t < (el.tet ? 1 : 2); t++) {
+      double p[4][3];
+      for (int c = 0; c < 4; c++)
+        for (int d = 0; d < 3; d++)
+          p[c][d] = pos(el.node[el.tet ? c : cut[t][c]], d);
+      v += std::fabs(Tet_Volume6(p)) / 6.0;
+    }
+    return v;
   }
   double p[8][3];
   for (int c = 0; c < 8; c++)
@@ -66,6 +72,15 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
     if (el.tet) {
       for (int f = 0; f < 4; f++) {
         Tri t = {el.node[(f + 1) % 4], el.node[(f + 2) % 4], el.node[(f + 3) % 4]};
+        std::sort(t.begin(), t.end());
+        tris.push_back(t);
+      }
+    } else if (el.nnodes == 5) {
+      Quad q = {el.node[0], el.node[1], el.node[2], el.node[3]};
+      std::sort(q.begin(), q.end());
+      quads.push_back(q);
+      for (int f = 0; f < 4; f++) {
+        Tri t = {el.node[f], el.node[(f + 1) % 4], el.node[4]};
         std::sort(t.begin(), t.end());
         tris.push_back(t);
       }
@@ -144,26 +159,30 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
   // Transition blocks: the volume their boundary encloses (the signed sum of
   // their tetrahedra) against the sum of the tetrahedra's volumes.
   for (int64_t e = 0; e < ss.number_elements;) {
-    if (!ss.elements[e].tet) {
+    if (ss.elements[e].nnodes == 8) {
       e++;
       continue;
     }
     const int cell = ss.elements[e].cell, layer = ss.elements[e].layer;
     double signed_sum = 0.0, sum = 0.0;
     int64_t f = e;
-    for (; f < ss.number_elements && ss.elements[f].tet && ss.elements[f].cell == cell &&
+    for (; f < ss.number_elements && ss.elements[f].nnodes != 8 && ss.elements[f].cell == cell &&
            ss.elements[f].layer == layer;
          f++) {
       const Element &el = ss.elements[f];
-      double p[4][3];
-      for (int c = 0; c < 4; c++) {
-        p[c][0] = el.x[c];
-        p[c][1] = el.y[c];
-        p[c][2] = el.z[c];
+      static const int cut[2][4] = {{0, 1, 2, 4}, {0, 2, 3, 4}};
+      for (int t = 0; t < (el.tet ? 1 : 2); t++) {
+        double p[4][3];
+        for (int c = 0; c < 4; c++) {
+          const int n = el.tet ? c : cut[t][c];
+          p[c][0] = el.x[n];
+          p[c][1] = el.y[n];
+          p[c][2] = el.z[n];
+        }
+        const double v = Tet_Volume6(p);
+        signed_sum += v;
+        sum += std::fabs(v);
       }
-      const double v = Tet_Volume6(p);
-      signed_sum += v;
-      sum += std::fabs(v);
     }
     r.bad_volumes += Tetrahedra_Folded(signed_sum, sum);
     e = f;

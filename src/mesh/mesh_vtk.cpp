@@ -31,7 +31,7 @@ int Write_Mesh_Vtk(Data_Set &ds, const char *path) {
                  ss.ynodess[s] * sp + ds.ymin, (g.topo_reference - ss.znodess[s]) * sp);
   const int64_t ne = ss.number_elements;
   std::fprintf(f, "CELLS %lld %lld\n", static_cast<long long>(ne),
-               static_cast<long long>(ss.num_hex * 9 + ss.num_tet * 5));
+               static_cast<long long>(ss.num_hex * 9 + ss.num_tet * 5 + ss.num_pyr * 6));
   for (int64_t e = 0; e < ne; e++) {
     const Element &el = ss.elements[e];
     if (el.tet) {
@@ -49,6 +49,10 @@ int Write_Mesh_Vtk(Data_Set &ds, const char *path) {
         n[2] = t;
       }
       std::fprintf(f, "4 %d %d %d %d\n", n[0] - 1, n[1] - 1, n[2] - 1, n[3] - 1);
+    } else if (el.nnodes == 5) {
+      // Base round it, then the apex: VTK's own pyramid order.
+      std::fprintf(f, "5 %d %d %d %d %d\n", el.node[0] - 1, el.node[1] - 1, el.node[2] - 1,
+                   el.node[3] - 1, el.node[4] - 1);
     } else {
       std::fprintf(f, "8");
       for (int c : vtk_hex_order)
@@ -58,7 +62,7 @@ int Write_Mesh_Vtk(Data_Set &ds, const char *path) {
   }
   std::fprintf(f, "CELL_TYPES %lld\n", static_cast<long long>(ne));
   for (int64_t e = 0; e < ne; e++)
-    std::fprintf(f, "%d\n", ss.elements[e].tet ? 10 : 12);
+    std::fprintf(f, "%d\n", ss.elements[e].tet ? 10 : ss.elements[e].nnodes == 5 ? 14 : 12);
   std::fprintf(f, "CELL_DATA %lld\nSCALARS mesh_layer int 1\nLOOKUP_TABLE default\n",
                static_cast<long long>(ne));
   for (int64_t e = 0; e < ne; e++)

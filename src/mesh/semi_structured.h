@@ -17,12 +17,13 @@ enum Face_Flag : unsigned char {
 
 // One element. Hexahedron nodes 1-4 lie in the plane of lower y and 5-8 in
 // the plane of higher y, each set running (low x, top), (low x, bottom),
-// (high x, bottom), (high x, top).
+// (high x, bottom), (high x, top). A pyramid (5 nodes) has its base
+// quadrilateral in nodes 1-4, in order round it, and its apex in node 5.
 struct Element {
   int tet; // non-zero: a tetrahedron of 4 nodes
   int reserved;
-  int nnodes;          // 4 or 8
-  int code;            // 8 hexahedron, 20 tetrahedron of a transition block
+  int nnodes;          // 4, 5 or 8
+  int code;            // 8 hexahedron, 20 tetrahedron, 13 pyramid of a transition block
   int cell;            // plan block number (from 0) of the adaptive block
   int layer;           // mesh layer (z level, from 1)
   unsigned char faces; // Face_Flag bits
@@ -65,7 +66,8 @@ public:
   int64_t number_elements = 0, max_elements = 0;
   Block_Array<int64_t> level_first;
   int nlevels = 0;
-  int64_t num_hex = 0, num_tet = 0, num_transition_blocks = 0, num_patterns = 0;
+  int64_t num_hex = 0, num_tet = 0, num_pyr = 0, num_transition_blocks = 0, num_patterns = 0;
+  int64_t num_pattern_fallbacks = 0; // patterns filled with tetrahedra alone
 
   // Adaptive block table: per z level and plan block, the subdivision in x
   // and in y (4, 2 or 1) and a flag.

@@ -26,6 +26,7 @@ constexpr uint32_t black = 0x000000, tet_colour = 0x0050d0, area_colour = 0xe000
 const int hex_edges[12][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {4, 5}, {5, 6},
                               {6, 7}, {7, 4}, {0, 4}, {1, 5}, {2, 6}, {3, 7}};
 const int tet_edges[6][2] = {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}};
+const int pyr_edges[8][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {0, 4}, {1, 4}, {2, 4}, {3, 4}};
 const char *const slice_names[3] = {"X-Y horizontal slice", "X-Z vertical slice",
                                     "Y-Z vertical slice"};
 // Per direction: the axis along the slice's normal, and the axes across and down.
@@ -60,8 +61,8 @@ double Coordinate(const Element &el, int c, int axis) {
 // order around it; returns their count (0 when the element is not cut).
 int Element_Section(const Data_Set &ds, const Element &el, int dir, double plane,
                     std::array<double, 2> p[6]) {
-  const int(*edges)[2] = el.tet ? tet_edges : hex_edges;
-  const int nedges = el.tet ? 6 : 12;
+  const int(*edges)[2] = el.tet ? tet_edges : el.nnodes == 5 ? pyr_edges : hex_edges;
+  const int nedges = el.tet ? 6 : el.nnodes == 5 ? 8 : 12;
   int idx[8];
   for (int c = 0; c < el.nnodes; c++)
     idx[c] = Node_Index(ds, el.node[c], normal_axis[dir]);
@@ -162,8 +163,8 @@ int Plot_SemiStructured_Mesh_Elements(Data_Set &ds, const Draw_Surface &s) {
     const int n = Element_Section(ds, el, dir, plane, p);
     if (n < 3)
       continue;
-    (el.tet ? ntet : nhex)++;
-    const uint32_t colour = el.tet ? tet_colour : black;
+    (el.nnodes == 8 ? nhex : ntet)++;
+    const uint32_t colour = el.nnodes == 8 ? black : tet_colour;
     for (int k = 0; k < n; k++)
       s.line(s.user, px(p[k][0]), py(p[k][1]), px(p[(k + 1) % n][0]), py(p[(k + 1) % n][1]), colour,
              1);

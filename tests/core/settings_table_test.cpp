@@ -17,8 +17,9 @@ namespace {
 // The .ivp list has 150 entries; three of them hold two caption/value pairs
 // (the initial and minimum damping factors, and the robust data and robust
 // model pairs with their cut-offs): 150 + 3 = 153 pairs; then the forward
-// model's three (normalisation, nudging, the electrode table's source).
-constexpr int ivp_pairs = 156;
+// model's four (normalisation, nudging, the electrode table's source, the
+// hexahedral element).
+constexpr int ivp_pairs = 157;
 
 std::unique_ptr<Data_Set> Make_Data_Set() {
   Start_Options opt;
@@ -43,8 +44,10 @@ TEST(SettingsTable, HoldsEveryPairOfTheFileInOrder) {
   EXPECT_EQ(Caption(16), "Cutoff factor for data constrain");
   EXPECT_EQ(Caption(17), "Robust model constrain?");
   EXPECT_EQ(Caption(18), "Cutoff factor for model constrain");
-  EXPECT_EQ(Caption(ivp_pairs - 4), "User defined reference I.P. model value (0-900 mV/V)");
-  EXPECT_EQ(Caption(ivp_pairs - 3), "Normalise potentials (0=No,1=Yes)");
+  EXPECT_EQ(Caption(ivp_pairs - 5), "User defined reference I.P. model value (0-900 mV/V)");
+  EXPECT_EQ(Caption(ivp_pairs - 4), "Normalise potentials (0=No,1=Yes)");
+  EXPECT_EQ(Caption(ivp_pairs - 2),
+            "Type of hexahedral element (0=Averaged tetrahedra,1=Trilinear,2=Trilinear harmonic)");
 }
 
 TEST(SettingsTable, KeysAreUniqueCommandLineNames) {
