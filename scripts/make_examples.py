@@ -303,16 +303,6 @@ def two_layer_potential(rho1, rho2, h):
     return v
 
 
-def buried_potential(rho1):
-    """Half-space with the source and receiver at depth (z = depth, down):
-    the source and its image above the surface."""
-    def v(c, p):
-        r = distance(c, p)
-        ri = math.sqrt((c[0] - p[0]) ** 2 + (c[1] - p[1]) ** 2 + (c[2] + p[2]) ** 2)
-        return rho1 / (4.0 * math.pi) * (1.0 / r + 1.0 / ri)
-    return v
-
-
 def write_data_lines(f, arrays, value, pos):
     """`value(arr)` the datum, `pos(e)` the text of one electrode."""
     f.write("%d\n" % len(arrays))
@@ -342,39 +332,38 @@ def grid_survey(nx, ny, step, off=0.0, seed=1):
     return xs, ys, [elec[(i, j)] for j in range(ny) for i in range(nx)], lines
 
 
-def field_half_space(f):
-    xs, ys, elecs, lines = grid_survey(9, 14, 2.5, off=0.3)
-    write_general_header(f, "Half-space of 100 ohm-m: 9 by 14 electrodes at 2.5 m, moved up "
-                         "to 0.3 spacings off the grid lines", xs, ys)
+def flat_grid_file(f, title, kinds, nmax, value, off=0.0, depths=None):
+    """A 9 by 14 electrode grid at 2.5 m on flat ground (electrodes up to
+    `off` spacings off the grid lines), arrays `kinds` along every line,
+    `value(arr)` the datum, optional user layer depths."""
+    xs, ys, elecs, lines = grid_survey(9, 14, 2.5, off=off)
+    write_general_header(f, title, xs, ys)
     write_electrodes(f, elecs)
-    arrays = [a for ln in lines for a in line_arrays(ln, ("dd", "pd"), nmax=4)]
-    flat = surface_potential(1.0)
-    write_data_lines(f, arrays, lambda a: 100.0, lambda e: fmt_pos(e))
+    if depths:
+        write_depths(f, depths)
+    arrays = [a for ln in lines for a in line_arrays(ln, kinds, nmax=nmax)]
+    write_data_lines(f, arrays, value, lambda e: fmt_pos(e))
     f.write("0\n0\n0\n0\n0\n")
+
+
+def field_half_space(f):
+    flat_grid_file(f, "Half-space of 100 ohm-m: 9 by 14 electrodes at 2.5 m, moved up "
+                   "to 0.3 spacings off the grid lines", ("dd", "pd"), 4, lambda a: 100.0, off=0.3)
 
 
 def field_thin_layers(f):
-    xs, ys, elecs, lines = grid_survey(9, 14, 2.5)
-    write_general_header(f, "Half-space of 100 ohm-m under user layers 0.5 m thick "
-                         "(0.2 of the 2.5 m spacing) down to 3 m", xs, ys)
-    write_electrodes(f, elecs)
-    write_depths(f, [0.5, 1.0, 1.5, 2.0, 2.5, 3.0, 4.0, 5.0, 6.5, 8.0, 10.0, 12.5])
-    arrays = [a for ln in lines for a in line_arrays(ln, ("dd",), nmax=6)]
-    write_data_lines(f, arrays, lambda a: 100.0, lambda e: fmt_pos(e))
-    f.write("0\n0\n0\n0\n0\n")
+    flat_grid_file(f, "Half-space of 100 ohm-m under user layers 0.5 m thick "
+                   "(0.2 of the 2.5 m spacing) down to 3 m", ("dd",), 6, lambda a: 100.0,
+                   depths=[0.5, 1.0, 1.5, 2.0, 2.5, 3.0, 4.0, 5.0, 6.5, 8.0, 10.0, 12.5])
 
 
 def field_two_layer(f):
-    xs, ys, elecs, lines = grid_survey(9, 14, 2.5)
-    write_general_header(f, "Two-layer earth: 100 ohm-m over 10 ohm-m from 3 m "
-                         "(model field_two_layer_model.txt)", xs, ys)
-    write_electrodes(f, elecs)
-    write_depths(f, [1.0, 2.0, 3.0, 4.0, 5.25, 6.75, 8.5, 10.5, 13.0])
-    arrays = [a for ln in lines for a in line_arrays(ln, ("dd", "pd", "wenner"), nmax=6)]
     two = two_layer_potential(100.0, 10.0, 3.0)
     flat = surface_potential(1.0)
-    write_data_lines(f, arrays, lambda a: apparent(a, two, flat), lambda e: fmt_pos(e))
-    f.write("0\n0\n0\n0\n0\n")
+    flat_grid_file(f, "Two-layer earth: 100 ohm-m over 10 ohm-m from 3 m "
+                   "(model field_two_layer_model.txt)", ("dd", "pd", "wenner"), 6,
+                   lambda a: apparent(a, two, flat),
+                   depths=[1.0, 2.0, 3.0, 4.0, 5.25, 6.75, 8.5, 10.5, 13.0])
 
 
 def field_two_layer_model(f):
@@ -436,7 +425,6 @@ def field_boreholes(f):
         for k in range(0, 10, 3):
             arrays.append((surface[k], holes_e[a][4], surface[(k + 4) % 10], holes_e[a][8]))
     arrays += line_arrays(surface, ("dd",), nmax=4)
-    v = buried_potential(1.0)
     write_data_lines(f, arrays, lambda a: 100.0,
                      lambda e: "%.3f %.3f %.3f" % (e[0], e[1], e[2]))
     f.write("0\n0\n0\n0\n0\n")

@@ -73,16 +73,6 @@ double Vector_Amplitude(double a, double b, double c) {
   return std::sqrt(a * a + b * b + 2.0 * a * b * c);
 }
 
-// Calculated values in the form the data are held: resistances (kept in
-// normalised units, where a unit current's potential is the resistance) or
-// apparent resistivities.
-double Scale(const Data_Set &ds, int64_t i) {
-  if (ds.resistance == 1)
-    return 1.0;
-  const double g = ds.dp[i].gfac;
-  return g != 0.0 ? 1.0 / g : 0.0;
-}
-
 int Allocate_Data_Arrays(Data_Set &ds, bool complex_values) {
   Fem_State &fem = ds.Fem;
   const int64_t m = std::max(ds.mdata, 1);
@@ -125,7 +115,7 @@ int Cal_App_Resis_Real(Data_Set &ds) {
       v = Vector_Amplitude(v, b, std::cos(ds.dp[i].angle));
     }
     fem.rm_volt[i] = static_cast<float>(v);
-    double r = v * Scale(ds, i);
+    double r = v * Calculated_Value_Scale(ds, i);
     if (fem.normalise_potentials && fem.norm_ready)
       r *= fem.norm_factor[i];
     fem.rm[i] = static_cast<float>(r);
@@ -148,7 +138,7 @@ int Cal_App_Resis_cmplx_VC(Data_Set &ds) {
     fem.rm_volt[i] = static_cast<float>(vr);
     fem.rm_volt_i[i] = static_cast<float>(vi);
     const double v = amplitude ? std::copysign(std::hypot(vr, vi), vr) : vr;
-    double r = v * Scale(ds, i);
+    double r = v * Calculated_Value_Scale(ds, i);
     if (fem.normalise_potentials && fem.norm_ready)
       r *= fem.norm_factor[i];
     fem.rm[i] = static_cast<float>(r);
@@ -212,6 +202,13 @@ double Cal_App_Resis_Diff_cmplx(Data_Set &ds) {
   TRACE("Final combine rmslog %10.5f rmsip %10.5f mdata_time_total_miss %d\n", fem.rmslog,
         fem.rmsip, 0);
   return fem.rmslog;
+}
+
+double Calculated_Value_Scale(const Data_Set &ds, int64_t i) {
+  if (ds.resistance == 1)
+    return 1.0;
+  const double g = ds.dp[i].gfac;
+  return g != 0.0 ? 1.0 / g : 0.0;
 }
 
 bool Half_Space_Analytic_Available(const Data_Set &ds) {

@@ -30,10 +30,10 @@ int Pair_Index(const int (*pairs)[2], int nv, int a, int b) {
   return 0; // every face pair is a stored pair
 }
 
-// The element's unit-conductivity matrix; returns its number of values.
-int Element_Matrix(const Element &el, int hex_element, double k[hexq_values]) {
-  double p[8][3];
-  Element_Points(el, p);
+// The unit-conductivity matrix of the element with node positions p;
+// returns its number of values.
+int Element_Matrix(const Element &el, const double p[8][3], int hex_element,
+                   double k[hexq_values]) {
   if (el.tet) {
     Tet_Element_Matrix(p, k);
     return tet_values;
@@ -55,8 +55,9 @@ int Element_Matrix(const Element &el, int hex_element, double k[hexq_values]) {
 int Add_Element(CooMatrix64 &m, const Element &el, int hex_element, double xmid, double ymid,
                 float *unit) {
   const double sr = el.cond_r, si = el.cond_i;
-  double k[hexq_values];
-  const int nv = Element_Matrix(el, hex_element, k);
+  double p[8][3], k[hexq_values];
+  Element_Points(el, p);
+  const int nv = Element_Matrix(el, p, hex_element, k);
   const int(*pairs)[2] = Element_Pairs(nv);
   int fail = 0;
   for (int v = 0; v < nv; v++) {
@@ -66,8 +67,6 @@ int Add_Element(CooMatrix64 &m, const Element &el, int hex_element, double xmid,
   }
   if (el.nnodes != 8)
     return fail;
-  double p[8][3];
-  Element_Points(el, p);
   for (int f = 0; f < 5; f++) {
     if (!(el.faces & (1 << f)))
       continue;

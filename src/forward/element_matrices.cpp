@@ -106,11 +106,12 @@ void Isoparametric_Matrix(const double p[][3], Rule rule, Shape shape, double m[
       }
   for (int i = 0; i < N; i++) {
     double s = 0.0;
-    for (int j = 0; j < N; j++)
-      if (j != i) {
-        m[j][i] = m[i < j ? i : j][i < j ? j : i];
-        s += m[j][i];
-      }
+    for (int j = 0; j < N; j++) {
+      if (j < i)
+        m[i][j] = m[j][i];
+      if (j != i)
+        s += m[i][j];
+    }
     m[i][i] = -s;
   }
 }

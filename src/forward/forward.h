@@ -71,6 +71,10 @@ inline int64_t Potential_Index(const int64_t *offset_pot, int a, int b) {
   const int lo = a < b ? a : b, hi = a < b ? b : a;
   return offset_pot[lo - 1] + hi - (lo + 1);
 }
+// Calculated values in the form the data are held: the potential difference
+// of a unit current times this scale gives a resistance (kept in normalised
+// units, where the two are the same) or an apparent resistivity (1 / gfac).
+double Calculated_Value_Scale(const Data_Set &ds, int64_t i);
 int Cal_App_Resis_Real(Data_Set &ds);
 int Cal_App_Resis_cmplx_VC(Data_Set &ds);
 // Misfit of the calculated against the measured data; sets rmslog.

@@ -132,6 +132,9 @@ int Forward_Synthetic_Data(Data_Set &ds, const Synthetic_Model &model, const cha
   return 0;
 }
 
+extern "C" void dsyev_(const char *jobz, const char *uplo, const int *n, double *a, const int *lda,
+                       double *w, double *work, const int *lwork, int *info);
+
 double Two_Layer_Surface_Potential(double rho1, double rho2, double h, double r) {
   constexpr double two_pi = 2.0 * M_PI;
   // A layer of no thickness leaves the lower half-space: the series sums to
@@ -155,44 +158,6 @@ double Two_Layer_Surface_Potential(double rho1, double rho2, double h, double r)
 }
 
 namespace {
-
-// The symmetric 3 by 3 matrix `a` brought to diagonal form by Jacobi
-// rotations; the columns of `v` are its eigenvectors.
-void Jacobi_Eigen_3(double a[3][3], double v[3][3]) {
-  for (int i = 0; i < 3; i++)
-    for (int j = 0; j < 3; j++)
-      v[i][j] = i == j ? 1.0 : 0.0;
-  for (int sweep = 0; sweep < 50; sweep++) {
-    const double off = a[0][1] * a[0][1] + a[0][2] * a[0][2] + a[1][2] * a[1][2];
-    const double diag = a[0][0] * a[0][0] + a[1][1] * a[1][1] + a[2][2] * a[2][2];
-    if (!(off > 1e-30 * diag))
-      return;
-    for (int p = 0; p < 2; p++)
-      for (int q = p + 1; q < 3; q++) {
-        if (a[p][q] == 0.0)
-          continue;
-        const double theta = (a[q][q] - a[p][p]) / (2.0 * a[p][q]);
-        const double t =
-            (theta >= 0.0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
-        const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
-        for (int k = 0; k < 3; k++) {
-          const double kp = a[k][p], kq = a[k][q];
-          a[k][p] = c * kp - s * kq;
-          a[k][q] = s * kp + c * kq;
-        }
-        for (int k = 0; k < 3; k++) {
-          const double pk = a[p][k], qk = a[q][k];
-          a[p][k] = c * pk - s * qk;
-          a[q][k] = s * pk + c * qk;
-        }
-        for (int k = 0; k < 3; k++) {
-          const double kp = v[k][p], kq = v[k][q];
-          v[k][p] = c * kp - s * kq;
-          v[k][q] = s * kp + c * kq;
-        }
-      }
-  }
-}
 
 double Distance(const std::array<double, 3> &a, const std::array<double, 3> &b) {
   return std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
@@ -237,19 +202,18 @@ Plane_Fit Fit_Plane(const std::vector<std::array<double, 3>> &points) {
   for (const auto &p : points)
     for (int k = 0; k < 3; k++)
       fit.centre[k] += p[k] / static_cast<double>(n);
-  double a[3][3] = {}, v[3][3];
+  // The normal is the direction of least spread: the eigenvector of the
+  // scatter matrix's smallest eigenvalue (LAPACK returns them ascending).
+  double a[9] = {}, w[3], work[16];
   for (const auto &p : points)
     for (int i = 0; i < 3; i++)
       for (int j = 0; j < 3; j++)
-        a[i][j] += (p[i] - fit.centre[i]) * (p[j] - fit.centre[j]);
-  Jacobi_Eigen_3(a, v);
-  // The normal is the direction of least spread.
-  int least = 0;
-  for (int k = 1; k < 3; k++)
-    if (a[k][k] < a[least][least])
-      least = k;
+        a[3 * i + j] += (p[i] - fit.centre[i]) * (p[j] - fit.centre[j]);
+  const int n3 = 3, lwork = 16;
+  int info = 0;
+  dsyev_("V", "U", &n3, a, &n3, w, work, &lwork, &info);
   for (int k = 0; k < 3; k++)
-    fit.normal[k] = v[k][least];
+    fit.normal[k] = info == 0 ? a[k] : (k == 2 ? 1.0 : 0.0);
   for (const auto &p : points) {
     double d = 0.0;
     for (int k = 0; k < 3; k++)
@@ -278,15 +242,6 @@ struct Check_Earth {
   double rho1 = check_resistivity, rho2 = check_resistivity, h = 0.0;
   bool layered = false;
 };
-
-// Calculated values are held as resistances (normalised units: the
-// potential of a unit current) or as apparent resistivities (the potential
-// over the datum's factor): the scale from the first to the held form.
-double Data_Form_Scale(const Data_Set &ds, const Data_Point &d) {
-  if (ds.resistance == 1)
-    return 1.0;
-  return d.gfac != 0.0 ? 1.0 / d.gfac : 0.0;
-}
 
 // Potential between two electrodes for a unit current: horizontal distance
 // on flat ground, 3-D distance under topography.
@@ -317,28 +272,14 @@ double Analytic_Value(const Data_Set &ds, const Check_Earth &earth, bool topo, i
     if (p2 >= 0)
       v += Pair_Potential(ds, earth, topo, c2, p2);
   }
-  return v * Data_Form_Scale(ds, d);
+  return v * Calculated_Value_Scale(ds, i);
 }
 
-// The electrodes the data use, each once.
+// The electrodes the data use (marked when the data were read), each once.
 std::vector<int> Used_Electrodes(const Data_Set &ds) {
-  std::vector<uint8_t> used(std::max(ds.num_point_elecs, 1), 0);
-  auto mark = [&](int e) {
-    if (e >= 0 && e < ds.num_point_elecs)
-      used[e] = 1;
-  };
-  for (int i = 0; i < ds.mdata; i++) {
-    const Data_Point &d = ds.dp[i];
-    mark(d.nc1);
-    mark(d.np1);
-    if (d.nelec == 4)
-      mark(d.nc2);
-    if (d.nelec > 2)
-      mark(d.np2);
-  }
   std::vector<int> list;
   for (int e = 0; e < ds.num_point_elecs; e++)
-    if (used[e])
+    if (ds.pe[e].used)
       list.push_back(e);
   return list;
 }

@@ -8,6 +8,26 @@
 #include "core/data_set.h"
 #include "mesh/mesh.h"
 
+namespace {
+
+// Six times the signed volumes of the tetrahedra of a tetrahedron or a
+// pyramid element (a pyramid as two on its base's diagonal), from
+// pos(corner, axis); returns how many (1 or 2).
+template <class Pos> int Cell_Tet_Volumes6(const Element &el, Pos pos, double v6[2]) {
+  static const int cut[2][4] = {{0, 1, 2, 4}, {0, 2, 3, 4}};
+  const int nt = el.tet ? 1 : 2;
+  for (int t = 0; t < nt; t++) {
+    double p[4][3];
+    for (int c = 0; c < 4; c++)
+      for (int d = 0; d < 3; d++)
+        p[c][d] = pos(el.tet ? c : cut[t][c], d);
+    v6[t] = Tet_Volume6(p);
+  }
+  return nt;
+}
+
+} // namespace
+
 double Element_Volume(const Data_Set &ds, int64_t e) {
   const SemiStructured &ss = ds.Semistructured;
   const Element &el = ss.elements[e];
@@ -16,17 +36,10 @@ double Element_Volume(const Data_Set &ds, int64_t e) {
     return static_cast<double>(d == 0 ? ss.xnodess[s] : d == 1 ? ss.ynodess[s] : ss.znodess[s]);
   };
   if (el.nnodes != 8) {
-    // A tetrahedron, or a pyramid as two tetrahedra on its base's diagonal.
-    static const int cut[2][4] = {{0, 1, 2, 4}, {0, 2, 3, 4}};
-    double v = 0.0;
-    for (int t = 0; t < (el.tet ? 1 : 2); t++) {
-      double p[4][3];
-      for (int c = 0; c < 4; c++)
-        for (int d = 0; d < 3; d++)
-          p[c][d] = pos(el.node[el.tet ? c : cut[t][c]], d);
-      v += std::fabs(Tet_Volume6(p)) / 6.0;
-    }
-    return v;
+    double v6[2];
+    const int nt = Cell_Tet_Volumes6(
+        el, [&](int c, int d) { return pos(el.node[c], d); }, v6);
+    return (std::fabs(v6[0]) + (nt > 1 ? std::fabs(v6[1]) : 0.0)) / 6.0;
   }
   double p[8][3];
   for (int c = 0; c < 8; c++)
@@ -170,18 +183,16 @@ Mesh_Check Check_SemiStructured_Mesh(const Data_Set &ds) {
            ss.elements[f].layer == layer;
          f++) {
       const Element &el = ss.elements[f];
-      static const int cut[2][4] = {{0, 1, 2, 4}, {0, 2, 3, 4}};
-      for (int t = 0; t < (el.tet ? 1 : 2); t++) {
-        double p[4][3];
-        for (int c = 0; c < 4; c++) {
-          const int n = el.tet ? c : cut[t][c];
-          p[c][0] = el.x[n];
-          p[c][1] = el.y[n];
-          p[c][2] = el.z[n];
-        }
-        const double v = Tet_Volume6(p);
-        signed_sum += v;
-        sum += std::fabs(v);
+      double v6[2];
+      const int nt = Cell_Tet_Volumes6(
+          el,
+          [&](int c, int d) {
+            return static_cast<double>(d == 0 ? el.x[c] : d == 1 ? el.y[c] : el.z[c]);
+          },
+          v6);
+      for (int t = 0; t < nt; t++) {
+        signed_sum += v6[t];
+        sum += std::fabs(v6[t]);
       }
     }
     r.bad_volumes += Tetrahedra_Folded(signed_sum, sum);
