@@ -71,7 +71,10 @@ int Read_Synthetic_Model(Data_Set &ds, const char *path, Synthetic_Model &model)
       bad = number;
     }
   }
+  const bool unreadable = std::ferror(f) != 0;
   std::fclose(f);
+  if (unreadable)
+    return Show_Text(ds, "Model File Error", MK_WARNING, "Cannot read the model file %s", path);
   if (bad)
     return Show_Text(
         ds, "Model File Error", MK_WARNING,

@@ -207,6 +207,13 @@ TEST(Check_Mesh_Model_File, LayerLinesAcceptedAndRefused) {
     EXPECT_NE(msg->text.find("\"layer Z1 Z2 RES [IP]\""), std::string::npos) << msg->text;
     s.rec.Clear();
   }
+  // A folder given for the model file opens but cannot be read.
+  const std::string folder = s.tmp.sub("models");
+  std::filesystem::create_directory(folder);
+  EXPECT_EQ(Read_Synthetic_Model(*s.ds, folder.c_str(), m), 1);
+  const Recorded_Message *msg = s.rec.Last("Model File Error");
+  ASSERT_NE(msg, nullptr);
+  EXPECT_NE(msg->text.find("Cannot read the model file"), std::string::npos) << msg->text;
 }
 
 TEST(Check_Mesh_Model_File, LayersAndBoxesInFileOrder) {
