@@ -43,7 +43,8 @@ int Element_Matrix(const Element &el, const double p[8][3], int hex_element,
     return pyr_values;
   }
   if (hex_element != HEX_AVERAGED_TETS) {
-    Hex_Q1_Element_Matrix(p, k, hex_element == HEX_TRILINEAR_HARMONIC);
+    Hex_Q1_Element_Matrix(p, k, hex_element == HEX_TRILINEAR_HARMONIC,
+                          static_cast<unsigned>(el.cut_faces));
     return hexq_values;
   }
   Hex_Element_Matrix(p, k);

@@ -1,6 +1,10 @@
 #include "forward/element_matrices.h"
 
+#include <algorithm>
 #include <cmath>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
 
 const int tet_pairs[tet_values][2] = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {1, 1},
                                       {1, 2}, {1, 3}, {2, 2}, {2, 3}, {3, 3}};
@@ -53,10 +57,58 @@ double Dot(const double a[3], const double b[3]) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
+// One integration point of an element of N nodes at positions p: `dg` are
+// the derivatives in reference coordinates of the shape functions that map
+// the element (its geometry), `dn` those of the functions that interpolate
+// the potential (the same, except on an element with cut faces), `w` the
+// point's weight. Adds to the upper triangle of m.
+template <int N>
+void Add_Point(const double p[][3], const double dg[N][3], const double dn[N][3], double w,
+               double m[N][N]) {
+  // Jacobian J[r][d] = d x_d / d xi_r, its inverse by cofactors.
+  double J[3][3] = {};
+  for (int n = 0; n < N; n++)
+    for (int r = 0; r < 3; r++)
+      for (int d = 0; d < 3; d++)
+        J[r][d] += dg[n][r] * p[n][d];
+  double cof[3][3];
+  for (int r = 0; r < 3; r++)
+    for (int d = 0; d < 3; d++) {
+      const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
+      cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
+    }
+  const double det = J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
+  if (det == 0.0)
+    return;
+  // Physical gradients: grad N = J^-1 dN, J^-1[d][r] = cof[r][d] / det.
+  double gr[N][3];
+  for (int n = 0; n < N; n++)
+    for (int d = 0; d < 3; d++)
+      gr[n][d] = (cof[0][d] * dn[n][0] + cof[1][d] * dn[n][1] + cof[2][d] * dn[n][2]) / det;
+  const double f = w * std::fabs(det);
+  for (int i = 0; i < N; i++)
+    for (int j = i + 1; j < N; j++)
+      m[i][j] += f * Dot(gr[i], gr[j]);
+}
+
+// The lower triangle from the upper, and each diagonal the negated sum of its
+// row's other entries, so rows sum to zero exactly.
+template <int N> void Close_Rows(double m[N][N]) {
+  for (int i = 0; i < N; i++) {
+    double s = 0.0;
+    for (int j = 0; j < N; j++) {
+      if (j < i)
+        m[i][j] = m[j][i];
+      if (j != i)
+        s += m[i][j];
+    }
+    m[i][i] = -s;
+  }
+}
+
 // Stiffness of an isoparametric element of N nodes at positions p: at each
 // Gauss point (ng points a direction, tensor product) `shape` gives the
-// shape functions' derivatives in reference coordinates. The diagonal is the
-// negated sum of each row's other entries, so rows sum to zero exactly.
+// shape functions' derivatives in reference coordinates.
 // Point sets a direction: 2 Gauss points, 3 Gauss points, and the two
 // points at +-sqrt(2/3) (see Hex_Q1_Element_Matrix).
 enum Rule { GAUSS2, GAUSS3, HARMONIC2 };
@@ -79,41 +131,9 @@ void Isoparametric_Matrix(const double p[][3], Rule rule, Shape shape, double m[
       for (int c = 0; c < ng; c++) {
         double dn[N][3];
         shape(g[a], g[b], g[c], dn);
-        // Jacobian J[r][d] = d x_d / d xi_r, its inverse by cofactors.
-        double J[3][3] = {};
-        for (int n = 0; n < N; n++)
-          for (int r = 0; r < 3; r++)
-            for (int d = 0; d < 3; d++)
-              J[r][d] += dn[n][r] * p[n][d];
-        double cof[3][3];
-        for (int r = 0; r < 3; r++)
-          for (int d = 0; d < 3; d++) {
-            const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
-            cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
-          }
-        const double det = J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
-        if (det == 0.0)
-          continue;
-        // Physical gradients: grad N = J^-1 dN, J^-1[d][r] = cof[r][d] / det.
-        double gr[N][3];
-        for (int n = 0; n < N; n++)
-          for (int d = 0; d < 3; d++)
-            gr[n][d] = (cof[0][d] * dn[n][0] + cof[1][d] * dn[n][1] + cof[2][d] * dn[n][2]) / det;
-        const double f = w[a] * w[b] * w[c] * std::fabs(det);
-        for (int i = 0; i < N; i++)
-          for (int j = i + 1; j < N; j++)
-            m[i][j] += f * Dot(gr[i], gr[j]);
+        Add_Point<N>(p, dn, dn, w[a] * w[b] * w[c], m);
       }
-  for (int i = 0; i < N; i++) {
-    double s = 0.0;
-    for (int j = 0; j < N; j++) {
-      if (j < i)
-        m[i][j] = m[j][i];
-      if (j != i)
-        s += m[i][j];
-    }
-    m[i][i] = -s;
-  }
+  Close_Rows<N>(m);
 }
 
 // Reference corners of the hexahedron's nodes: x, y, and z (+1 top).
@@ -124,20 +144,204 @@ const double pyr_ref[4][2] = {{-1, -1}, {1, -1}, {1, 1}, {-1, 1}};
 
 } // namespace
 
-void Hex_Q1_Element_Matrix(const double p[8][3], double k[hexq_values], bool harmonic) {
+namespace {
+
+void Q1_Derivatives(double x, double y, double z, double dn[8][3]) {
+  for (int n = 0; n < 8; n++) {
+    const double a = 1 + x * hex_ref[n][0], b = 1 + y * hex_ref[n][1], c = 1 + z * hex_ref[n][2];
+    dn[n][0] = 0.125 * hex_ref[n][0] * b * c;
+    dn[n][1] = 0.125 * hex_ref[n][1] * a * c;
+    dn[n][2] = 0.125 * hex_ref[n][2] * a * b;
+  }
+}
+
+// Adds to dn the derivatives of the cut-face terms. On a face with
+// tangential coordinates xi, eta in [0, 1] and corner values u00, u10, u01,
+// u11, the linear interpolation on the two triangles of a diagonal differs
+// from the bilinear one by d m(xi, eta), with the twist d = u00 - u10 - u01 +
+// u11 and m = min(eta (1 - xi), xi (1 - eta)) for the diagonal through
+// (0, 0) and (1, 1), or -min(xi eta, (1 - xi)(1 - eta)) for the other. The
+// term d m times the linear fall to the opposite face vanishes on the other
+// five faces, so every other face stays bilinear.
+void Cut_Face_Derivatives(double x, double y, double z, unsigned cut, double dn[8][3]) {
+  const double r[3] = {x, y, z};
+  for (int f = 0; f < 6; f++) {
+    const unsigned code = (cut >> (2 * f)) & 3u;
+    if (!code)
+      continue;
+    const int a = f / 2, ua = a == 0 ? 1 : 0, va = a == 2 ? 1 : 2;
+    const double s = (f & 1) ? 1.0 : -1.0;
+    const double xi = 0.5 * (r[ua] + 1), eta = 0.5 * (r[va] + 1), h = 0.5 * (1 + s * r[a]);
+    double m, dxi, deta;
+    if (code == 1) {
+      if (xi >= eta)
+        m = eta * (1 - xi), dxi = -eta, deta = 1 - xi;
+      else
+        m = xi * (1 - eta), dxi = 1 - eta, deta = -xi;
+    } else if (xi + eta <= 1) {
+      m = -xi * eta, dxi = -eta, deta = -xi;
+    } else {
+      m = -(1 - xi) * (1 - eta), dxi = 1 - eta, deta = 1 - xi;
+    }
+    double dphi[3];
+    dphi[ua] = 0.5 * dxi * h;
+    dphi[va] = 0.5 * deta * h;
+    dphi[a] = 0.5 * s * m;
+    for (int n = 0; n < 8; n++) {
+      if (hex_ref[n][a] != s)
+        continue;
+      const double t = hex_ref[n][ua] * hex_ref[n][va];
+      for (int d = 0; d < 3; d++)
+        dn[n][d] += t * dphi[d];
+    }
+  }
+}
+
+// Integration points of the trilinear element with cut faces. The cut terms
+// fold along the planes through the body centre and a face diagonal, so the
+// reference cube is split into 24 tetrahedra (centre, a face centre, an
+// edge of that face), each integrated by a collapsed Gauss rule (4 x 3 x 3
+// points): exact for a parallelepiped up to the sixth power of the first
+// collapsed coordinate. `visit(dg, dn, w)` receives each point's geometry
+// and potential derivatives (see Add_Point) and weight.
+template <class Visit> void For_Cut_Points(unsigned cut, Visit visit) {
+  static const double g4[4] = {-0.8611363115940526, -0.3399810435848563, 0.3399810435848563,
+                               0.8611363115940526};
+  static const double w4[4] = {0.3478548451374538, 0.6521451548625461, 0.6521451548625461,
+                               0.3478548451374538};
+  static const double g3[3] = {-0.7745966692414834, 0.0, 0.7745966692414834};
+  static const double w3[3] = {5.0 / 9.0, 8.0 / 9.0, 5.0 / 9.0};
+  static const double round_face[4][2] = {{-1, -1}, {1, -1}, {1, 1}, {-1, 1}};
+  for (int f = 0; f < 6; f++) {
+    const int a = f / 2, ua = a == 0 ? 1 : 0, va = a == 2 ? 1 : 2;
+    double fc[3] = {0, 0, 0};
+    fc[a] = (f & 1) ? 1.0 : -1.0;
+    for (int e = 0; e < 4; e++) {
+      double c0[3], c1[3];
+      c0[a] = c1[a] = fc[a];
+      c0[ua] = round_face[e][0], c0[va] = round_face[e][1];
+      c1[ua] = round_face[(e + 1) % 4][0], c1[va] = round_face[(e + 1) % 4][1];
+      // Tetrahedron (centre 0, fc, c0, c1) of volume 1/3: the collapsed map
+      // (s, t, q) in [0, 1]^3 -> s fc + (1 - s) t c0 + (1 - s)(1 - t) q c1
+      // has determinant 2 (1 - s)^2 (1 - t).
+      for (int i = 0; i < 4; i++)
+        for (int j = 0; j < 3; j++)
+          for (int l = 0; l < 3; l++) {
+            const double sv = 0.5 * (g4[i] + 1), tv = 0.5 * (g3[j] + 1), qv = 0.5 * (g3[l] + 1);
+            const double l1 = sv, l2 = (1 - sv) * tv, l3 = (1 - sv) * (1 - tv) * qv;
+            double r[3];
+            for (int d = 0; d < 3; d++)
+              r[d] = l1 * fc[d] + l2 * c0[d] + l3 * c1[d];
+            double dg[8][3], dn[8][3];
+            Q1_Derivatives(r[0], r[1], r[2], dg);
+            for (int n = 0; n < 8; n++)
+              for (int d = 0; d < 3; d++)
+                dn[n][d] = dg[n][d];
+            Cut_Face_Derivatives(r[0], r[1], r[2], cut, dn);
+            visit(dg, dn, 0.125 * w4[i] * w3[j] * w3[l] * 2.0 * (1 - sv) * (1 - sv) * (1 - tv));
+          }
+    }
+  }
+}
+
+// Reference integrals of the cut element, I[r][s][i][j] = integral over the
+// reference cube of dN_i/dxi_r dN_j/dxi_s, for one cut code: a
+// parallelepiped's matrix follows from them and its constant Jacobian.
+struct Cut_Reference {
+  double I[3][3][8][8];
+};
+
+const Cut_Reference &Reference_Of_Cut(unsigned cut) {
+  static std::mutex lock;
+  static std::unordered_map<unsigned, std::unique_ptr<Cut_Reference>> known;
+  const std::lock_guard<std::mutex> hold(lock);
+  std::unique_ptr<Cut_Reference> &ref = known[cut];
+  if (!ref) {
+    ref = std::make_unique<Cut_Reference>();
+    Cut_Reference &c = *ref;
+    For_Cut_Points(cut, [&c](const double(*)[3], const double dn[8][3], double w) {
+      for (int r = 0; r < 3; r++)
+        for (int s = 0; s < 3; s++)
+          for (int i = 0; i < 8; i++)
+            for (int j = 0; j < 8; j++)
+              c.I[r][s][i][j] += w * dn[i][r] * dn[j][s];
+    });
+  }
+  return *ref;
+}
+
+// The Jacobian of the hexahedron's trilinear map at its centre, J[r][d] =
+// d x_d / d xi_r; true when the map is affine (a parallelepiped): its
+// bilinear and trilinear terms vanish against the element's size.
+bool Affine_Map(const double p[8][3], double J[3][3]) {
+  double twist = 0.0, size = 0.0;
+  for (int d = 0; d < 3; d++) {
+    double c[4] = {};
+    for (int r = 0; r < 3; r++)
+      J[r][d] = 0.0;
+    for (int n = 0; n < 8; n++) {
+      const double *s = hex_ref[n];
+      for (int r = 0; r < 3; r++)
+        J[r][d] += 0.125 * s[r] * p[n][d];
+      c[0] += s[0] * s[1] * p[n][d];
+      c[1] += s[0] * s[2] * p[n][d];
+      c[2] += s[1] * s[2] * p[n][d];
+      c[3] += s[0] * s[1] * s[2] * p[n][d];
+    }
+    for (int t = 0; t < 4; t++)
+      twist = std::max(twist, std::fabs(c[t]));
+    for (int r = 0; r < 3; r++)
+      size = std::max(size, std::fabs(J[r][d]));
+  }
+  return twist <= 1e-12 * size;
+}
+
+// The trilinear element with cut faces: from the reference integrals on a
+// parallelepiped, by the points of For_Cut_Points otherwise.
+void Cut_Hex_Matrix(const double p[8][3], unsigned cut, double m[8][8]) {
+  for (int i = 0; i < 8; i++)
+    for (int j = 0; j < 8; j++)
+      m[i][j] = 0.0;
+  double J[3][3];
+  if (!Affine_Map(p, J)) {
+    For_Cut_Points(cut, [&](const double dg[8][3], const double dn[8][3], double w) {
+      Add_Point<8>(p, dg, dn, w, m);
+    });
+    Close_Rows<8>(m);
+    return;
+  }
+  double cof[3][3];
+  for (int r = 0; r < 3; r++)
+    for (int d = 0; d < 3; d++) {
+      const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
+      cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
+    }
+  const double det = J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
+  if (det == 0.0)
+    return;
+  // grad N = J^-1 dN with J^-1[d][r] = cof[r][d] / det; the metric
+  // G[r][s] = sum_d J^-1[d][r] J^-1[d][s] times |det|.
+  const Cut_Reference &c = Reference_Of_Cut(cut);
+  for (int r = 0; r < 3; r++)
+    for (int s = 0; s < 3; s++) {
+      const double G = (cof[r][0] * cof[s][0] + cof[r][1] * cof[s][1] + cof[r][2] * cof[s][2]) /
+                       (det * det) * std::fabs(det);
+      for (int i = 0; i < 8; i++)
+        for (int j = i + 1; j < 8; j++)
+          m[i][j] += G * c.I[r][s][i][j];
+    }
+  Close_Rows<8>(m);
+}
+
+} // namespace
+
+void Hex_Q1_Element_Matrix(const double p[8][3], double k[hexq_values], bool harmonic,
+                           unsigned cut_faces) {
   double m[8][8];
-  Isoparametric_Matrix<8>(
-      p, harmonic ? HARMONIC2 : GAUSS2,
-      [](double x, double y, double z, double dn[8][3]) {
-        for (int n = 0; n < 8; n++) {
-          const double a = 1 + x * hex_ref[n][0], b = 1 + y * hex_ref[n][1],
-                       c = 1 + z * hex_ref[n][2];
-          dn[n][0] = 0.125 * hex_ref[n][0] * b * c;
-          dn[n][1] = 0.125 * hex_ref[n][1] * a * c;
-          dn[n][2] = 0.125 * hex_ref[n][2] * a * b;
-        }
-      },
-      m);
+  if (cut_faces)
+    Cut_Hex_Matrix(p, cut_faces, m);
+  else
+    Isoparametric_Matrix<8>(p, harmonic ? HARMONIC2 : GAUSS2, Q1_Derivatives, m);
   for (int v = 0; v < hexq_values; v++)
     k[v] = m[hexq_pairs[v][0]][hexq_pairs[v][1]];
 }
@@ -246,5 +450,19 @@ void Boundary_Face_Matrix(double g, double m[10]) {
   for (int v = 0; v < 10; v++) {
     const int a = face_pairs[v][0], b = face_pairs[v][1];
     m[v] = a == b ? g / 9.0 : (a - b == 2 ? g / 36.0 : g / 18.0);
+  }
+}
+
+void Hex_Face_Diagonals(int face, int diag1[2], int diag2[2]) {
+  const int a = face / 2, ua = a == 0 ? 1 : 0, va = a == 2 ? 1 : 2;
+  const double s = (face & 1) ? 1.0 : -1.0;
+  int n1 = 0, n2 = 0;
+  for (int n = 0; n < 8; n++) {
+    if (hex_ref[n][a] != s)
+      continue;
+    if (hex_ref[n][ua] * hex_ref[n][va] > 0)
+      diag1[n1++] = n;
+    else
+      diag2[n2++] = n;
   }
 }

@@ -60,7 +60,22 @@ void Hex_Element_Matrix(const double p[8][3], double k[hex_values]);
 // assembled 27-point stencil is fourth-order accurate for harmonic
 // potentials on a uniform grid (the Gauss form is second-order: it
 // underestimates the potential a few spacings from a source).
-void Hex_Q1_Element_Matrix(const double p[8][3], double k[hexq_values], bool harmonic = false);
+//
+// `cut_faces` (two bits a face, face f = 2 axis + side: axis 0 x, 1 y, 2 z
+// with +1 the top, side 1 the reference +1 side) marks faces shared with
+// tetrahedra that cut the face by one diagonal: 1 the diagonal through the
+// corners whose two tangential reference coordinates are equal, 2 the other.
+// The potential on such a face is then linear on its two triangles, as on
+// the tetrahedra's side, and stays bilinear on the others, so the element
+// conforms to both neighbours and still holds linear potentials exactly;
+// it is integrated piecewise (see Cut_Hex_Matrix), whatever `harmonic` says.
+void Hex_Q1_Element_Matrix(const double p[8][3], double k[hexq_values], bool harmonic = false,
+                           unsigned cut_faces = 0);
+
+// Faces of the hexahedron for `cut_faces`: its nodes (from 0) with reference
+// coordinate `side` on axis `axis`, the pair (from 0, in node order) on the
+// diagonal of code 1 and that of code 2.
+void Hex_Face_Diagonals(int face, int diag1[2], int diag2[2]);
 
 // The pyramid p[0..3] (base quadrilateral, in order round it) and p[4] (apex)
 // as a trilinear hexahedron whose top face is collapsed into the apex: its

@@ -20,8 +20,8 @@ enum Face_Flag : unsigned char {
 // (high x, bottom), (high x, top). A pyramid (5 nodes) has its base
 // quadrilateral in nodes 1-4, in order round it, and its apex in node 5.
 struct Element {
-  int tet; // non-zero: a tetrahedron of 4 nodes
-  int reserved;
+  int tet;             // non-zero: a tetrahedron of 4 nodes
+  int cut_faces;       // hexahedron faces cut by tetrahedra (Hex_Q1_Element_Matrix)
   int nnodes;          // 4, 5 or 8
   int code;            // 8 hexahedron, 20 tetrahedron, 13 pyramid of a transition block
   int cell;            // plan block number (from 0) of the adaptive block

@@ -3,11 +3,13 @@
 // tetrahedra of its transition blocks.
 #include <algorithm>
 #include <cmath>
+#include <unordered_set>
 #include <vector>
 
 #include "core/data_set.h"
 #include "core/messages.h"
 #include "core/trace.h"
+#include "forward/element_matrices.h"
 #include "mesh/mesh.h"
 #include "mesh/plan_blocks.h"
 #include "mesh/transition_block.h"
@@ -151,6 +153,46 @@ int Check_Block_Volume(Data_Set &ds, const Element *tets, int64_t ntets, int i0,
                        i0 + 1, j0 + 1, k, block, vol1, vol2, vol1 - vol2);
 }
 
+// Marks the hexahedron faces that the tetrahedra of a transition block cut
+// by a diagonal. Both sides then interpolate the potential on the face
+// alike (linear on each triangle), so the mesh stays conforming. A diagonal
+// of a hexahedron face that is also a tetrahedron edge can only be the cut
+// of that face by the tetrahedra across it. Node numbers are main node
+// numbers (below `main_nodes`).
+void Mark_Cut_Faces(Element *el, int64_t n, int64_t main_nodes) {
+  std::vector<char> on_tet(static_cast<size_t>(main_nodes), 0);
+  std::unordered_set<uint64_t> edges;
+  const auto key = [main_nodes](int a, int b) {
+    return static_cast<uint64_t>(std::min(a, b)) * static_cast<uint64_t>(main_nodes) +
+           static_cast<uint64_t>(std::max(a, b));
+  };
+  for (int64_t e = 0; e < n; e++) {
+    if (!el[e].tet)
+      continue;
+    for (int a = 0; a < 4; a++) {
+      on_tet[el[e].node[a]] = 1;
+      for (int b = a + 1; b < 4; b++)
+        edges.insert(key(el[e].node[a], el[e].node[b]));
+    }
+  }
+  const auto edge = [&](const Element &h, const int d[2]) {
+    const int a = h.node[d[0]], b = h.node[d[1]];
+    return on_tet[a] && on_tet[b] && edges.count(key(a, b)) > 0;
+  };
+  for (int64_t e = 0; e < n; e++) {
+    Element &h = el[e];
+    if (h.nnodes != 8)
+      continue;
+    h.cut_faces = 0;
+    for (int f = 0; f < 6; f++) {
+      int d1[2], d2[2];
+      Hex_Face_Diagonals(f, d1, d2);
+      const unsigned code = edge(h, d1) ? 1u : edge(h, d2) ? 2u : 0u;
+      h.cut_faces |= static_cast<int>(code << (2 * f));
+    }
+  }
+}
+
 } // namespace
 
 int Generate_SemiStructured_Mesh_Elements_Rect_Jac(Data_Set &ds) {
@@ -292,6 +334,8 @@ int Generate_SemiStructured_Mesh_Elements_Adaptive(Data_Set &ds) {
       ss.num_tet = ntet;
       ss.num_hex = n - ntet;
       ss.num_transition_blocks = transitions;
+      if (ntet > 0)
+        Mark_Cut_Faces(ss.elements.data(), n, static_cast<int64_t>(g.lx) * g.ly * g.lzw);
     }
   }
   ss.num_patterns = static_cast<int64_t>(cache.patterns.size());

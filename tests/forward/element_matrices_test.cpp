@@ -102,6 +102,12 @@ TEST(Element_Matrices, LinearPotentialEnergyOnDistortedElements) {
   const double g2 = grad[0] * grad[0] + grad[1] * grad[1] + grad[2] * grad[2];
   const double vol = Trilinear_Volume(corners);
   EXPECT_NEAR(Energy(k, hexq_pairs, hexq_values, u), g2 * vol, 1e-12 * g2 * vol);
+  // The same with its plane bottom cut by tetrahedra (the element is not a
+  // parallelepiped, so integrated point by point): the linear potential has
+  // no twist on a parallelogram face, and the cut term vanishes.
+  double kc[hexq_values];
+  Hex_Q1_Element_Matrix(p, kc, false, 2u << (2 * 4));
+  EXPECT_NEAR(Energy(kc, hexq_pairs, hexq_values, u), g2 * vol, 1e-12 * g2 * vol);
   // Constants carry no energy: every row sums to zero.
   for (int i = 0; i < 8; i++) {
     double row = 0.0;
@@ -177,4 +183,55 @@ TEST(Element_Matrices, PyramidFaceWeightsConformToNeighbours) {
   }
   for (int n = 0; n < 5; n++)
     EXPECT_NEAR(ku[n], expect[n], 1e-12) << n;
+}
+
+TEST(Element_Matrices, CutFacesWeighTheirNodesAsTetrahedra) {
+  // A box with its high-x face cut by the diagonal of code 1 and its bottom
+  // by that of code 2. K u for a linear potential gives each node the flux
+  // through the faces holding it weighted by its shape function there:
+  // area / 4 on the bilinear faces, area / 3 for a corner on the cut's
+  // diagonal and area / 6 for one off it (as on two tetrahedra's faces).
+  // The energy of the linear potential stays |g|^2 V: the cut terms vanish.
+  const double h[3] = {2.0, 1.5, 0.4};
+  double p[8][3];
+  Box(h[0], h[1], h[2], p);
+  const unsigned cut = (1u << (2 * 1)) | (2u << (2 * 4));
+  double k[hexq_values], u[8];
+  Hex_Q1_Element_Matrix(p, k, false, cut);
+  for (int n = 0; n < 8; n++)
+    u[n] = Linear(p[n]);
+  const double g2 = grad[0] * grad[0] + grad[1] * grad[1] + grad[2] * grad[2];
+  const double vol = h[0] * h[1] * h[2];
+  EXPECT_NEAR(Energy(k, hexq_pairs, hexq_values, u), g2 * vol, 1e-12 * g2 * vol);
+  double ku[8] = {};
+  for (int v = 0; v < hexq_values; v++) {
+    const int i = hexq_pairs[v][0], j = hexq_pairs[v][1];
+    ku[i] += k[v] * u[j];
+    if (i != j)
+      ku[j] += k[v] * u[i];
+  }
+  double expect[8] = {};
+  for (int f = 0; f < 6; f++) {
+    const int axis = f / 2;
+    const double side = (f & 1) ? 1.0 : -1.0;
+    const double area = vol / h[axis], flux = side * grad[axis] * area;
+    int d1[2], d2[2];
+    Hex_Face_Diagonals(f, d1, d2);
+    const unsigned code = (cut >> (2 * f)) & 3u;
+    for (int m = 0; m < 2; m++) {
+      expect[d1[m]] += flux * (code == 0 ? 0.25 : code == 1 ? 1.0 / 3.0 : 1.0 / 6.0);
+      expect[d2[m]] += flux * (code == 0 ? 0.25 : code == 2 ? 1.0 / 3.0 : 1.0 / 6.0);
+    }
+  }
+  for (int n = 0; n < 8; n++)
+    EXPECT_NEAR(ku[n], expect[n], 1e-12) << n;
+  // The diagonals of a face are its own nodes, opposite corners.
+  int d1[2], d2[2];
+  Hex_Face_Diagonals(4, d1, d2);
+  for (int m = 0; m < 2; m++) {
+    EXPECT_EQ(hex_sign[d1[m]][2], -1.0);
+    EXPECT_EQ(hex_sign[d2[m]][2], -1.0);
+  }
+  EXPECT_EQ(hex_sign[d1[0]][0], -hex_sign[d1[1]][0]);
+  EXPECT_EQ(hex_sign[d1[0]][1], -hex_sign[d1[1]][1]);
 }
