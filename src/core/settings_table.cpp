@@ -789,7 +789,7 @@ const Setting_Entry settings_table[] = {
     {"hex_element", "Type of hexahedral element (0=Averaged tetrahedra,1=Trilinear,2=Trilinear harmonic)", "%d", SK_INT, 0, 2,
      [](Data_Set &d) -> void * { return &d.Fem.hex_element; },
      "Finite-element mesh settings",
-     "the averaged form is the most accurate near sources on the adaptive mesh until its transition blocks conform to trilinear faces; choose 1 or 2 for thin layers",
+     "the trilinear element with the harmonic rule stays accurate on thin layers and layered ground and conforms to the transition blocks; 0 is the mean of two five-tetrahedron decompositions",
      nullptr},
     {"use_file", "Load electrode-electrode potentials (0=All to memory,1=Only selected from file)", "%d", SK_INT, 0, 1,
      [](Data_Set &d) -> void * { return &d.Fem.use_file; },

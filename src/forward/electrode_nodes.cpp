@@ -7,6 +7,7 @@
 
 #include "core/data_set.h"
 #include "core/trace.h"
+#include "forward/element_matrices.h"
 #include "forward/forward.h"
 #include "survey/survey_text.h"
 
@@ -120,6 +121,51 @@ void Point_Electrode_Nodes(const Model_Grid &g, double x, double y, double depth
   Electrode_Nodes_On(g, Lines(g), x, y, depth, surface, floating, en);
 }
 
+namespace {
+
+// An electrode whose lattice nodes are not all nodes of the solved mesh (a
+// buried electrode inside the coarser blocks of the adaptive mesh): its
+// position from the lattice weights, then the weights of the nodes of the
+// solved element that holds it. False when no element holds it.
+bool Weights_In_Solved_Mesh(const Data_Set &ds, Electrode_Nodes &en) {
+  const Model_Grid &g = ds.Model_grid;
+  const SemiStructured &ss = ds.Semistructured;
+  double q[3] = {0.0, 0.0, 0.0};
+  for (int c = 0; c < en.ni; c++) {
+    const int64_t m = en.elec_int[c] - 1;
+    q[0] += en.w[c] * g.xn[m];
+    q[1] += en.w[c] * g.yn[m];
+    q[2] += en.w[c] * g.zn[m];
+  }
+  for (int64_t e = 0; e < ss.number_elements; e++) {
+    const Element &el = ss.elements[e];
+    if (el.nnodes != 4 && el.nnodes != 8)
+      continue;
+    double p[8][3], lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
+    for (int c = 0; c < el.nnodes; c++) {
+      const int64_t m = ss.node_ss_to_main0[el.node[c] - 1];
+      p[c][0] = g.xn[m], p[c][1] = g.yn[m], p[c][2] = g.zn[m];
+      for (int d = 0; d < 3; d++)
+        lo[d] = std::min(lo[d], p[c][d]), hi[d] = std::max(hi[d], p[c][d]);
+    }
+    const double tol = 1e-6 * (hi[0] - lo[0] + hi[1] - lo[1] + hi[2] - lo[2]);
+    if (q[0] < lo[0] - tol || q[0] > hi[0] + tol || q[1] < lo[1] - tol || q[1] > hi[1] + tol ||
+        q[2] < lo[2] - tol || q[2] > hi[2] + tol)
+      continue;
+    double w[8];
+    if (!(el.nnodes == 4 ? Tet_Point_Weights(p, q, w) : Hex_Point_Weights(p, q, w)))
+      continue;
+    int nodes[8];
+    for (int c = 0; c < el.nnodes; c++)
+      nodes[c] = ss.node_ss_to_main0[el.node[c] - 1] + 1;
+    Keep_Weights(en, nodes, w, el.nnodes);
+    return true;
+  }
+  return false;
+}
+
+} // namespace
+
 int set_elec_positions_node_semistructured(Data_Set &ds) {
   Fem_State &fem = ds.Fem;
   const SemiStructured &ss = ds.Semistructured;
@@ -128,9 +174,16 @@ int set_elec_positions_node_semistructured(Data_Set &ds) {
   const int count = dip ? fem.ndipoles : ds.num_point_elecs;
   for (int e = 0; e < count; e++) {
     Electrode_Nodes &en = list[e];
+    const auto solved = [&ss](int64_t main) {
+      return main >= 0 && main < ss.number_nodes_main ? ss.node_main_ss[main] : -1;
+    };
+    bool all = true;
+    for (int c = 0; c < en.ni; c++)
+      all = all && solved(en.elec_int[c] - 1) >= 1;
+    if (!all && !dip && !Weights_In_Solved_Mesh(ds, en))
+      return Refuse_Always(ds, "Message", "Electrode %d lies in no element of the mesh", e + 1);
     for (int c = 0; c < en.ni; c++) {
-      const int64_t main = en.elec_int[c] - 1;
-      const int s = main >= 0 && main < ss.number_nodes_main ? ss.node_main_ss[main] : -1;
+      const int s = solved(en.elec_int[c] - 1);
       if (s < 1 || s > ss.number_nodes_ss)
         return Refuse_Always(
             ds, "Message", "Error A in mapping nodes for electrode %d for node point %d out of %d!",

@@ -99,3 +99,10 @@ double Boundary_Face_Coefficient(const double q[4][3], int axis, double xmid, do
 // order (a,a) (b,a) (c,a) (d,a) (b,b) (c,b) (d,b) (c,c) (d,c) (d,d).
 extern const int face_pairs[10][2];
 void Boundary_Face_Matrix(double g, double m[10]);
+
+// Weights of the nodes of a tetrahedron (4) or trilinear hexahedron (8, node
+// order as above) that interpolate at the point q: barycentric coordinates,
+// or the shape functions at q's reference coordinates (by Newton steps).
+// False when q lies outside the element (beyond rounding).
+bool Tet_Point_Weights(const double p[4][3], const double q[3], double w[4]);
+bool Hex_Point_Weights(const double p[8][3], const double q[3], double w[8]);

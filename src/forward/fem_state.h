@@ -47,10 +47,10 @@ public:
   double residual_last = 0.0;
 
   // Hexahedron form (Hex_Element_Form): 0 mean of two five-tetrahedron
-  // decompositions, 1 trilinear, 2 trilinear with the harmonic rule. The
-  // trilinear forms are far better on flat elements (thin layers) but
-  // still meet non-conforming transition blocks in the adaptive mesh.
-  int hex_element = 0;
+  // decompositions, 1 trilinear, 2 trilinear with the harmonic rule (the
+  // default: accurate on flat elements, and conforming to the transition
+  // blocks of the adaptive mesh by its cut faces).
+  int hex_element = 2;
   // Element store for the Jacobian: unit-conductivity values of each element
   // (10 a tetrahedron, 15 a pyramid, 36 a trilinear hexahedron, 32 an
   // averaged one) and the offsets, one per element + 1.

@@ -235,3 +235,40 @@ TEST(Element_Matrices, CutFacesWeighTheirNodesAsTetrahedra) {
   EXPECT_EQ(hex_sign[d1[0]][0], -hex_sign[d1[1]][0]);
   EXPECT_EQ(hex_sign[d1[0]][1], -hex_sign[d1[1]][1]);
 }
+
+TEST(Element_Matrices, PointWeightsInterpolateInsideAndRefuseOutside) {
+  // A warped hexahedron: the point at reference coordinates r has the
+  // shape functions at r for weights, found back from its position alone.
+  double p[8][3];
+  Box(2.0, 1.5, 0.4, p);
+  const double lift[8] = {0.31, 0.0, 0.0, 0.52, 0.44, 0.0, 0.0, 0.98};
+  for (int n = 0; n < 8; n++)
+    p[n][2] += lift[n] + 0.1 * p[n][0];
+  const double r[3] = {0.3, -0.5, 0.7};
+  double q[3] = {0, 0, 0}, expect[8];
+  for (int n = 0; n < 8; n++) {
+    expect[n] = 0.125 * (1 + r[0] * hex_sign[n][0]) * (1 + r[1] * hex_sign[n][1]) *
+                (1 + r[2] * hex_sign[n][2]);
+    for (int d = 0; d < 3; d++)
+      q[d] += expect[n] * p[n][d];
+  }
+  double w[8];
+  ASSERT_TRUE(Hex_Point_Weights(p, q, w));
+  for (int n = 0; n < 8; n++)
+    EXPECT_NEAR(w[n], expect[n], 1e-12) << n;
+  const double beyond[3] = {2.3, 0.7, 0.2};
+  EXPECT_FALSE(Hex_Point_Weights(p, beyond, w));
+
+  // A tetrahedron: barycentric weights, and a point past one face refused.
+  const double t[4][3] = {{0, 0, 0}, {2, 0.3, 0.2}, {0.4, 1.5, 0.3}, {0.9, 0.6, 1.7}};
+  const double l[4] = {0.1, 0.2, 0.3, 0.4};
+  double tq[3] = {0, 0, 0}, tw[4];
+  for (int c = 0; c < 4; c++)
+    for (int d = 0; d < 3; d++)
+      tq[d] += l[c] * t[c][d];
+  ASSERT_TRUE(Tet_Point_Weights(t, tq, tw));
+  for (int c = 0; c < 4; c++)
+    EXPECT_NEAR(tw[c], l[c], 1e-12) << c;
+  const double past[3] = {2.0, 1.5, 1.5};
+  EXPECT_FALSE(Tet_Point_Weights(t, past, tw));
+}
