@@ -784,7 +784,7 @@ const Setting_Entry settings_table[] = {
     {"nudge_point_elec", "Nudge node to electrode position (0=No,1=Yes)", "%d", SK_INT, 0, 1,
      [](Data_Set &d) -> void * { return &d.Fem.nudge_point_elec; },
      "Finite-element mesh settings",
-     "electrodes on the grid lines sit on nodes already",
+     "electrodes off the grid lines then stand on nodes (surface and boreholes), which halves the error of their potentials; electrodes on the lines move nothing",
      nullptr},
     {"hex_element", "Type of hexahedral element (0=Averaged tetrahedra,1=Trilinear,2=Trilinear harmonic)", "%d", SK_INT, 0, 2,
      [](Data_Set &d) -> void * { return &d.Fem.hex_element; },

@@ -66,8 +66,9 @@ void Keep_Weights(Electrode_Nodes &en, const int *node, const double *w, int cou
 }
 
 // Nodes and weights of one electrode, with the mesh's lines taken once.
+// With `nudged` the nearest node stands on the electrode (Nudge_Surface_Nodes).
 void Electrode_Nodes_On(const Model_Grid &g, const Lines &lines, double x, double y, double depth,
-                        bool surface, int floating, Electrode_Nodes &en) {
+                        bool surface, int floating, bool nudged, Electrode_Nodes &en) {
   const int i = Nearest(lines.x, x), j = Nearest(lines.y, y);
   const double dx = x - lines.x[i], dy = y - lines.y[j];
   const std::vector<double> &zl = lines.z;
@@ -79,7 +80,7 @@ void Electrode_Nodes_On(const Model_Grid &g, const Lines &lines, double x, doubl
   };
   en.ni = 0;
   const double d2 = dx * dx + dy * dy + dz * dz;
-  if (surface ? d2 == 0.0 : d2 <= 0.001) {
+  if (nudged || (surface ? d2 == 0.0 : d2 <= 0.001)) {
     en.ni = 1;
     en.elec_int[0] = node(i, j, k);
     en.w[0] = 1.0f;
@@ -118,7 +119,7 @@ void Electrode_Nodes_On(const Model_Grid &g, const Lines &lines, double x, doubl
 
 void Point_Electrode_Nodes(const Model_Grid &g, double x, double y, double depth, bool surface,
                            int floating, Electrode_Nodes &en) {
-  Electrode_Nodes_On(g, Lines(g), x, y, depth, surface, floating, en);
+  Electrode_Nodes_On(g, Lines(g), x, y, depth, surface, floating, false, en);
 }
 
 namespace {
@@ -250,6 +251,7 @@ int Set_Electrode_Nodes(Data_Set &ds) {
   if (fem.en.Resize(ds, std::max(ne, 1), "electrode nodes"))
     return 1;
   const int floating = ds.water.kind == 3;
+  const bool nudged = fem.nudge_point_elec == 1;
   const Lines lines(g);
 #pragma omp parallel for schedule(static)
   for (int e = 0; e < ne; e++) {
@@ -258,7 +260,7 @@ int Set_Electrode_Nodes(Data_Set &ds) {
     en = Electrode_Nodes();
     en.e1 = e;
     if (p.used > 0)
-      Electrode_Nodes_On(g, lines, p.x, p.y, p.depth, p.depth <= 0.0, floating, en);
+      Electrode_Nodes_On(g, lines, p.x, p.y, p.depth, p.depth <= 0.0, floating, nudged, en);
   }
   fem.nelec = ne;
   if (ds.use_dipoles_fem == 1) {
@@ -269,21 +271,56 @@ int Set_Electrode_Nodes(Data_Set &ds) {
   return set_elec_positions_node_semistructured(ds);
 }
 
-void Shift_Nearest_Surface_Node(Model_Grid &g, double dist, int i, int j, double x, double y) {
-  if (!(dist > 0.01))
-    return;
+namespace {
+
+// The node each used electrode is nudged onto: its nearest column (i, j)
+// and, for a buried electrode, its nearest level k (below the ground's
+// surface, from 0); k is -1 at the surface and i is -1 for unused electrodes.
+struct Nudge_Target {
+  int i = -1, j = -1, k = -1;
+};
+
+std::vector<Nudge_Target> Nudge_Targets(const Data_Set &ds, const Lines &lines) {
+  std::vector<Nudge_Target> t(ds.num_point_elecs);
+  for (int e = 0; e < ds.num_point_elecs; e++) {
+    const Point_Electrode &p = ds.pe[e];
+    if (p.used <= 0)
+      continue;
+    t[e].i = Nearest(lines.x, p.x);
+    t[e].j = Nearest(lines.y, p.y);
+    t[e].k = p.depth > 0.0 ? Nearest(lines.z, p.depth) : -1;
+  }
+  return t;
+}
+
+// An electrode on its node to the rounding of the summed spacings (single
+// precision) moves nothing.
+bool On_Its_Node(double nx, double ny, double x, double y) {
+  return std::hypot(x - nx, y - ny) <= 1e-5 * (std::fabs(nx) + std::fabs(ny) + 1.0);
+}
+
+} // namespace
+
+void Shift_Nearest_Surface_Node(const Model_Grid &g, Plan_Moves &m, int i, int j, double x,
+                                double y) {
   const int64_t c = i + static_cast<int64_t>(j) * g.lx;
   const double sx = x - g.sx[c], sy = y - g.sy[c];
-  g.sx[c] = static_cast<float>(x);
-  g.sy[c] = static_cast<float>(y);
-  auto move = [&](int a, int b, double f) {
+  m.weight[c] = 2.0f;
+  if (On_Its_Node(g.sx[c], g.sy[c], x, y))
+    return;
+  auto move = [&](int a, int b, float f) {
     if (a < 0 || b < 0 || a >= g.lx || b >= g.ly)
       return;
     const int64_t k = a + static_cast<int64_t>(b) * g.lx;
-    g.sx[k] += static_cast<float>(f * sx);
-    g.sy[k] += static_cast<float>(f * sy);
+    // A neighbour of two nudged nodes follows the nearer (side before
+    // diagonal); nudged nodes are not moved as neighbours.
+    if (m.weight[k] >= f)
+      return;
+    m.weight[k] = f;
+    m.x[k] = static_cast<float>(g.sx[k] + f * sx);
+    m.y[k] = static_cast<float>(g.sy[k] + f * sy);
   };
-  constexpr double side = 0.725, diagonal = 0.725 * 0.725;
+  constexpr float side = 0.725f, diagonal = 0.725f * 0.725f;
   move(i, j - 1, side);
   move(i - 1, j, side);
   move(i, j + 1, side);
@@ -298,30 +335,27 @@ int Check_Two_Electrodes_Nudge_Same_Node_Nearest_Surface(Data_Set &ds) {
   Fem_State &fem = ds.Fem;
   if (fem.nudge_point_elec != 1)
     return 0;
-  const int ne = ds.num_point_elecs;
-  for (int e = 0; e < ne; e++)
-    if (ds.pe[e].used > 0 && ds.pe[e].depth > 0.0) {
-      fem.nudge_point_elec = 0;
-      return 1;
-    }
   const Lines lines(ds.Model_grid);
-  std::vector<int> ni(ne), nj(ne);
-#pragma omp parallel for schedule(static)
-  for (int e = 0; e < ne; e++) {
-    ni[e] = Nearest(lines.x, ds.pe[e].x);
-    nj[e] = Nearest(lines.y, ds.pe[e].y);
-  }
-  // Electrodes sorted by column: only those within two lines in x are compared.
+  const std::vector<Nudge_Target> t = Nudge_Targets(ds, lines);
+  // Electrodes that share a column must stand on one vertical (a borehole)
+  // at different levels; any other sharing leaves no node for one of them.
   std::vector<int> order;
-  for (int e = 0; e < ne; e++)
-    if (ds.pe[e].used > 0)
+  for (int e = 0; e < ds.num_point_elecs; e++)
+    if (t[e].i >= 0)
       order.push_back(e);
-  std::sort(order.begin(), order.end(), [&](int a, int b) { return ni[a] < ni[b]; });
-  std::vector<uint8_t> close(ne, 0);
+  std::sort(order.begin(), order.end(),
+            [&](int a, int b) { return t[a].i != t[b].i ? t[a].i < t[b].i : t[a].j < t[b].j; });
+  std::vector<uint8_t> close(ds.num_point_elecs, 0);
+  const double tol = 1e-3 * std::min(lines.x[1] - lines.x[0], lines.y[1] - lines.y[0]);
   for (size_t p = 0; p < order.size(); p++)
-    for (size_t q = p + 1; q < order.size() && ni[order[q]] - ni[order[p]] <= 2; q++)
-      if (std::abs(nj[order[q]] - nj[order[p]]) <= 2)
-        close[order[p]] = close[order[q]] = 1;
+    for (size_t q = p + 1; q < order.size(); q++) {
+      const int a = order[p], b = order[q];
+      if (t[a].i != t[b].i || t[a].j != t[b].j)
+        break;
+      const Point_Electrode &ea = ds.pe[a], &eb = ds.pe[b];
+      if (t[a].k == t[b].k || std::hypot(ea.x - eb.x, ea.y - eb.y) > tol)
+        close[a] = close[b] = 1;
+    }
   const int count = static_cast<int>(std::count(close.begin(), close.end(), 1));
   if (count > 0) {
     Refuse_Always(ds, "Message",
@@ -339,12 +373,39 @@ void Nudge_Surface_Nodes(Data_Set &ds) {
     return;
   Model_Grid &g = ds.Model_grid;
   const Lines lines(g);
+  const std::vector<Nudge_Target> t = Nudge_Targets(ds, lines);
+  // The moves are gathered from the surface positions as they stand, then
+  // copied to them: the nudged nodes last.
+  Plan_Moves m;
+  m.x.assign(g.sx.data(), g.sx.data() + g.lxy);
+  m.y.assign(g.sy.data(), g.sy.data() + g.lxy);
+  m.weight.assign(static_cast<size_t>(g.lxy), 0.0f);
+  for (int e = 0; e < ds.num_point_elecs; e++)
+    if (t[e].i >= 0)
+      Shift_Nearest_Surface_Node(g, m, t[e].i, t[e].j, ds.pe[e].x, ds.pe[e].y);
+  std::copy(m.x.begin(), m.x.end(), g.sx.data());
+  std::copy(m.y.begin(), m.y.end(), g.sy.data());
+  for (int e = 0; e < ds.num_point_elecs; e++)
+    if (t[e].i >= 0) {
+      const int64_t c = t[e].i + static_cast<int64_t>(t[e].j) * g.lx;
+      if (On_Its_Node(g.sx[c], g.sy[c], ds.pe[e].x, ds.pe[e].y))
+        continue;
+      g.sx[c] = static_cast<float>(ds.pe[e].x);
+      g.sy[c] = static_cast<float>(ds.pe[e].y);
+    }
+}
+
+void Nudge_Buried_Nodes(Data_Set &ds) {
+  if (ds.Fem.nudge_point_elec != 1)
+    return;
+  Model_Grid &g = ds.Model_grid;
+  const Lines lines(g);
+  const std::vector<Nudge_Target> t = Nudge_Targets(ds, lines);
   for (int e = 0; e < ds.num_point_elecs; e++) {
-    const Point_Electrode &p = ds.pe[e];
-    if (p.used <= 0)
+    if (t[e].i < 0 || t[e].k < 0)
       continue;
-    const int i = Nearest(lines.x, p.x), j = Nearest(lines.y, p.y);
-    const double dist = std::hypot(p.x - lines.x[i], p.y - lines.y[j]);
-    Shift_Nearest_Surface_Node(g, dist, i, j, p.x, p.y);
+    const int64_t c = t[e].i + static_cast<int64_t>(t[e].j) * g.lx;
+    g.zn[(g.nwater + t[e].k) * g.lxy + c] =
+        static_cast<float>(g.Column_Depth(ds, c, ds.pe[e].depth));
   }
 }

@@ -63,7 +63,7 @@ public:
   Block_Array<Electrode_Nodes> dip; // per dipole
   int ndipoles = 0;
   Block_Array<int> datum_dipole; // per datum: source dipole, receiving dipole (from 1)
-  int nudge_point_elec = 0;      // "Nudge node to electrode position"
+  int nudge_point_elec = 1;      // "Nudge node to electrode position"
   int use_file = 0;              // 0 electrode potentials from memory, 1 from the file
 
   // Sources in solving order (from 1) and the potential table's offsets.

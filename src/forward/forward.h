@@ -49,8 +49,20 @@ int set_elec_positions_node_semistructured(Data_Set &ds);
 int Check_Number_Dipoles_Data_Set(Data_Set &ds);
 // Nudging of surface nodes to the electrodes (before the 3-D copy).
 int Check_Two_Electrodes_Nudge_Same_Node_Nearest_Surface(Data_Set &ds);
-void Shift_Nearest_Surface_Node(Model_Grid &g, double dist, int i, int j, double x, double y);
+// Nudging (setting "Nudge node to electrode position"): the mesh column
+// nearest each used electrode moves in plan onto it, its eight neighbours
+// part of the way (0.725 at the sides, its square at the corners), so the
+// electrode stands on a node; Nudge_Buried_Nodes then moves the nearest
+// level's node of each buried electrode's column to its depth. Refused (by
+// the check above, with its message) where two electrodes would want one
+// node, or one column at two plan positions.
+struct Plan_Moves {
+  std::vector<float> x, y, weight; // new plan positions; weight 2 nudged, else 0 to 0.725
+};
+void Shift_Nearest_Surface_Node(const Model_Grid &g, Plan_Moves &m, int i, int j, double x,
+                                double y);
 void Nudge_Surface_Nodes(Data_Set &ds);
+void Nudge_Buried_Nodes(Data_Set &ds);
 
 // --- Potentials ----------------------------------------------------------------------
 // The sources in solving order; `jacob` 0 leaves the last one out.

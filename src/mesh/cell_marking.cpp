@@ -57,11 +57,14 @@ int Mark_Cells(Model_Grid &g, double xpos, double ypos, int r, bool set_all) {
   return 1 + y0 * nbx + x0;
 }
 
-// Cell (i, j) holds (x, y) in its closed rectangle.
+// Cell (i, j), grown by half its size on every side, holds (x, y) in its
+// closed rectangle: an electrode off the grid lines near the cell's side
+// keeps the cell dense, so the electrode's nodes stay inside dense blocks.
 bool Touches(const Model_Grid &g, int i, int j, double x, double y) {
+  const double hx = 0.5 * (g.xgrid[i + 1] - g.xgrid[i]), hy = 0.5 * (g.ygrid[j + 1] - g.ygrid[j]);
   const int64_t px = Thousandths(x), py = Thousandths(y);
-  return Thousandths(g.xgrid[i]) <= px && px <= Thousandths(g.xgrid[i + 1]) &&
-         Thousandths(g.ygrid[j]) <= py && py <= Thousandths(g.ygrid[j + 1]);
+  return Thousandths(g.xgrid[i] - hx) <= px && px <= Thousandths(g.xgrid[i + 1] + hx) &&
+         Thousandths(g.ygrid[j] - hy) <= py && py <= Thousandths(g.ygrid[j + 1] + hy);
 }
 
 } // namespace
@@ -118,11 +121,11 @@ int Check_Model_Cell_Electrodes_Levels(Data_Set &ds) {
     if (!ds.pe[e].used)
       continue;
     // The first line at or past the electrode: the cells on both sides of
-    // it may hold the electrode.
+    // it, and the next ones, may hold the electrode.
     const int i1 = First_Line_At(g.xgrid, g.ngridx, ds.pe[e].x);
     const int j1 = First_Line_At(g.ygrid, g.ngridy, ds.pe[e].y);
-    for (int j = std::max(j1 - 1, 0); j <= std::min(j1, nby - 1); j++)
-      for (int i = std::max(i1 - 1, 0); i <= std::min(i1, nbx - 1); i++)
+    for (int j = std::max(j1 - 2, 0); j <= std::min(j1 + 1, nby - 1); j++)
+      for (int i = std::max(i1 - 2, 0); i <= std::min(i1 + 1, nbx - 1); i++)
         if (Touches(g, i, j, ds.pe[e].x, ds.pe[e].y))
           holds[static_cast<int64_t>(j) * nbx + i] = 1;
   }

@@ -59,10 +59,23 @@ int Model_Grid::Copy_XY_Node_Positions_To_3D_Mesh(Data_Set &ds, int64_t limit) {
   return 0;
 }
 
+namespace {
+
+bool Follows_Topography(const Data_Set &ds, const Model_Grid &g) {
+  return ds.topo.grid_heights && g.type_topo_model > 0;
+}
+
+} // namespace
+
+double Model_Grid::Column_Depth(const Data_Set &ds, int64_t c, double depth) const {
+  const double shift = Follows_Topography(ds, *this) ? topo_reference - sz[c] : 0.0;
+  return depth + shift * Topography_Weight(depth);
+}
+
 void Model_Grid::Set_3D_Mesh_Z_Node_Values(const Data_Set &ds) {
   const float zlast = zmesh[lz - 1];
   const int64_t n = lxy;
-  const bool topo = ds.topo.grid_heights && type_topo_model > 0;
+  const bool topo = Follows_Topography(ds, *this);
   const double water_top = ds.water.kind > 0 ? ds.water.elevation / ds.spxx : 0.0;
   float *z = zn.data();
   // Where the ground stands above the water the water levels keep a least
@@ -75,10 +88,9 @@ void Model_Grid::Set_3D_Mesh_Z_Node_Values(const Data_Set &ds) {
   const double least = std::max(0.01 * nwater, 0.25 * deepest);
 #pragma omp parallel for schedule(static)
   for (int64_t c = 0; c < n; c++) {
-    const double shift = topo ? topo_reference - sz[c] : 0.0;
     double above = -1e30;
     for (int k = 0; k < lz; k++) {
-      double zz = zmesh[k] + shift * Topography_Weight(zmesh[k]);
+      double zz = Column_Depth(ds, c, zmesh[k]);
       // A column never folds over: each spacing keeps a tenth of its flat size.
       if (k > 0)
         zz = std::max(zz, above + 0.1 * delz[k - 1]);
@@ -145,6 +157,7 @@ int Set_Model_Mesh_XYZ_Rect(Data_Set &ds) {
   for (int k = 0; k < g.nwater; k++)
     g.water_levels[k] = static_cast<float>(k) / g.nwater;
   g.Set_3D_Mesh_Z_Node_Values(ds);
+  Nudge_Buried_Nodes(ds);
   TRACE("Set_Model_Mesh_XYZ_Rect lx %d ly %d lz %d nwater %d spac_buffer %.3f depth %.3f\n", g.lx,
         g.ly, g.lz, g.nwater, g.spac_buffer, g.zmesh[g.lz - 1]);
   return 0;

@@ -180,6 +180,9 @@ public:
   void Zero_Surface_XY_Nodes_Positions();
   int Copy_XY_Node_Positions_To_3D_Mesh(Data_Set &ds, int64_t limit);
   void Set_3D_Mesh_Z_Node_Values(const Data_Set &ds);
+  // The z of flat depth `depth` in surface column c (from 0), as the mesh's
+  // levels follow the topography there.
+  double Column_Depth(const Data_Set &ds, int64_t c, double depth) const;
   void Check_Buffer_Nodes_XY(const Data_Set &ds);
 
   // Mesh cell conductivities from the resistivity of each model block

@@ -410,6 +410,59 @@ TEST(Check_Mesh_Surveys, TwoLayerEarths) {
     EXPECT_NEAR(acc.analytic[i] / x.ds->dp[i].value, 1.0, 1e-5) << "datum " << i + 1;
 }
 
+// Electrodes off the grid lines: nudged, each stands on a node of the solved
+// mesh and reads it alone, and the half-space comes out closer than with
+// the plan weights of the four nodes round it. Two electrodes that want one
+// node leave the nudge off, with its message.
+TEST(Check_Mesh_Surveys, NudgedElectrodesStandOnNodes) {
+  Survey_Layout l;
+  l.nx = 10;
+  const std::string text = l.Place().Text();
+  double median[2] = {};
+  for (int nudge : {0, 1}) {
+    SCOPED_TRACE(nudge);
+    Example_Survey s;
+    s.ds->Fem.nudge_point_elec = nudge;
+    ASSERT_EQ(s.Read_Text("off_grid.dat", text), 0) << Shown(s.rec);
+    Data_Set &ds = *s.ds;
+    Mesh_Accuracy acc;
+    ASSERT_EQ(Check_Mesh_Half_Space(ds, acc), 0) << Shown(s.rec);
+    Expect_Sensible(acc, ds.mdata);
+    median[nudge] = acc.median;
+    int on_node = 0, used = 0;
+    for (int e = 0; e < ds.num_point_elecs; e++) {
+      if (ds.pe[e].used <= 0)
+        continue;
+      used++;
+      const Electrode_Nodes &en = ds.Fem.en[e];
+      if (en.ni != 1)
+        continue;
+      const int n = en.elec_int_ss[0] - 1;
+      EXPECT_NEAR(ds.Semistructured.xnodess[n], ds.pe[e].x, 1e-4) << e;
+      EXPECT_NEAR(ds.Semistructured.ynodess[n], ds.pe[e].y, 1e-4) << e;
+      on_node++;
+    }
+    EXPECT_EQ(ds.Fem.nudge_point_elec, nudge);
+    if (nudge)
+      EXPECT_EQ(on_node, used);
+    else
+      EXPECT_LT(on_node, used / 2);
+  }
+  EXPECT_LT(median[1], median[0]);
+  std::printf("[ off-grid ] median %.3f %% with the plan weights, %.3f %% nudged\n",
+              100.0 * median[0], 100.0 * median[1]);
+
+  Survey_Layout close = l;
+  close.e[12][0] = close.e[11][0] + 0.05 * l.step;
+  close.e[12][1] = close.e[11][1];
+  Example_Survey c;
+  ASSERT_EQ(c.Read_Text("close.dat", close.Text()), 0) << Shown(c.rec);
+  Mesh_Accuracy acc;
+  ASSERT_EQ(Check_Mesh_Half_Space(*c.ds, acc), 0) << Shown(c.rec);
+  EXPECT_EQ(c.ds->Fem.nudge_point_elec, 0);
+  EXPECT_NE(Shown(c.rec).find("same nearest node"), std::string::npos);
+}
+
 // Four boreholes a few tenths of a spacing off the grid lines: their
 // electrodes below the adaptive mesh's dense levels take the nodes of the
 // element that holds them, and the buried sources with their images agree.
