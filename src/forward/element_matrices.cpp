@@ -1,5 +1,7 @@
 #include "forward/element_matrices.h"
 
+#include "core/solve3.h"
+
 #include <algorithm>
 #include <cmath>
 #include <memory>
@@ -471,29 +473,15 @@ void Hex_Face_Diagonals(int face, int diag1[2], int diag2[2]) {
 }
 
 bool Tet_Point_Weights(const double p[4][3], const double q[3], double w[4]) {
-  double e[3][3], r[3];
+  // r = sum_c l_c e_c with the edges e_c from node 0.
+  double e[3][3], r[3], l[3];
   for (int d = 0; d < 3; d++) {
     for (int c = 0; c < 3; c++)
-      e[c][d] = p[c + 1][d] - p[0][d];
+      e[d][c] = p[c + 1][d] - p[0][d];
     r[d] = q[d] - p[0][d];
   }
-  // Cramer's rule for r = sum_c l_c e_c.
-  const double det = e[0][0] * (e[1][1] * e[2][2] - e[1][2] * e[2][1]) -
-                     e[0][1] * (e[1][0] * e[2][2] - e[1][2] * e[2][0]) +
-                     e[0][2] * (e[1][0] * e[2][1] - e[1][1] * e[2][0]);
-  if (det == 0.0)
+  if (!Solve3(e, r, l))
     return false;
-  double l[3];
-  for (int c = 0; c < 3; c++) {
-    double m[3][3];
-    for (int a = 0; a < 3; a++)
-      for (int d = 0; d < 3; d++)
-        m[a][d] = a == c ? r[d] : e[a][d];
-    l[c] = (m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
-            m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-            m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0])) /
-           det;
-  }
   w[0] = 1.0 - l[0] - l[1] - l[2];
   for (int c = 0; c < 3; c++)
     w[c + 1] = l[c];
@@ -515,27 +503,16 @@ bool Hex_Point_Weights(const double p[8][3], const double q[3], double w[8]) {
           J[d][a] += dn[n][a] * p[n][d];
       }
     }
-    // Newton step: J dr = q - x, by Cramer's rule.
-    double f[3];
+    // Newton step: J dr = q - x.
+    double f[3], dr[3];
     for (int d = 0; d < 3; d++)
       f[d] = q[d] - x[d];
-    const auto det3 = [](const double m[3][3]) {
-      return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
-             m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-             m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
-    };
-    const double det = det3(J);
-    if (det == 0.0)
+    if (!Solve3(J, f, dr))
       return false;
     double step = 0.0;
     for (int a = 0; a < 3; a++) {
-      double m[3][3];
-      for (int d = 0; d < 3; d++)
-        for (int b = 0; b < 3; b++)
-          m[d][b] = b == a ? f[d] : J[d][b];
-      const double dr = det3(m) / det;
-      r[a] += dr;
-      step = std::max(step, std::fabs(dr));
+      r[a] += dr[a];
+      step = std::max(step, std::fabs(dr[a]));
     }
     if (std::fabs(r[0]) > 3 || std::fabs(r[1]) > 3 || std::fabs(r[2]) > 3)
       return false;

@@ -29,6 +29,10 @@ int Convert_Model_Cell_to_Mesh_Cell(Data_Set &ds);
 int Set_Model_Mesh_XYZ_Rect(Data_Set &ds);
 // Elevations of the surface nodes from the grid heights of the survey.
 void Set_Surface_Mesh_Topography(Data_Set &ds);
+// With `topo_buffer_slope`, the buffer nodes' elevations (copied from the
+// nearest grid node) rise or fall with the least-squares plane of the
+// grid's surface; needs the surface nodes' plan positions.
+void Continue_Topography_Into_Buffers(Data_Set &ds);
 // The topographic model blocks from the surface elevations.
 void Add_Topography_Model(Data_Set &ds);
 

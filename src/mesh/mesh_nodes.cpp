@@ -147,6 +147,7 @@ int Set_Model_Mesh_XYZ_Rect(Data_Set &ds) {
   g.Set_Surface_XY_Nodes();
   g.Zero_Surface_XY_Nodes_Positions();
   Nudge_Surface_Nodes(ds);
+  Continue_Topography_Into_Buffers(ds);
   if (g.Copy_XY_Node_Positions_To_3D_Mesh(ds, g.max_mesh_nodes))
     return 1;
   // The damped distortion is kept from folding the model's levels over.

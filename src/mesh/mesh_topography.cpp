@@ -5,6 +5,7 @@
 
 #include "core/data_set.h"
 #include "core/messages.h"
+#include "core/solve3.h"
 #include "core/trace.h"
 #include "mesh/mesh.h"
 #include "survey/scatter_interpolation.h"
@@ -95,6 +96,61 @@ void Set_Surface_Mesh_Topography(Data_Set &ds) {
     top = std::max<double>(top, g.sz[k]);
   g.topo_reference = top;
   TRACE("Set surface mesh topography end\n");
+}
+
+void Continue_Topography_Into_Buffers(Data_Set &ds) {
+  Model_Grid &g = ds.Model_grid;
+  if (!g.topo_buffer_slope || !ds.topo.grid_heights || !ds.topo.grid_z || g.ngridx < 2 ||
+      g.ngridy < 2)
+    return;
+  const int npu = g.nodes_per_unit_spacing;
+  const int i0 = g.ixfirst - 1, j0 = g.jyfirst - 1;
+  const int ilast = i0 + (g.ngridx - 1) * npu, jlast = j0 + (g.ngridy - 1) * npu;
+  const auto at = [&g](int i, int j) { return i + static_cast<int64_t>(j) * g.lx; };
+  // The least-squares plane z = a + b (x - xc) + c (y - yc) of the grid's
+  // surface nodes, about their centroid.
+  double xc = 0.0, yc = 0.0, n = 0.0;
+  for (int j = j0; j <= jlast; j++)
+    for (int i = i0; i <= ilast; i++) {
+      xc += g.sx[at(i, j)];
+      yc += g.sy[at(i, j)];
+      n += 1.0;
+    }
+  xc /= n;
+  yc /= n;
+  double m[3][3] = {}, r[3] = {}, plane[3];
+  for (int j = j0; j <= jlast; j++)
+    for (int i = i0; i <= ilast; i++) {
+      const int64_t k = at(i, j);
+      const double f[3] = {1.0, g.sx[k] - xc, g.sy[k] - yc};
+      for (int a = 0; a < 3; a++) {
+        r[a] += f[a] * g.sz[k];
+        for (int b = 0; b < 3; b++)
+          m[a][b] += f[a] * f[b];
+      }
+    }
+  if (!Solve3(m, r, plane, 1e-12))
+    return; // the grid is one line of nodes: no slope across it
+  // Each buffer node keeps the elevation of its nearest grid node (set with
+  // the surface) plus the plane's rise between the two, over at most the
+  // grid's own length and width beyond its edge: the ground further out is
+  // unknown, and the relief added stays that of the survey.
+  const double reach_x = g.xgrid[g.ngridx - 1] - g.xgrid[0];
+  const double reach_y = g.ygrid[g.ngridy - 1] - g.ygrid[0];
+  for (int j = 0; j < g.ly; j++)
+    for (int i = 0; i < g.lx; i++) {
+      const int ii = std::clamp(i, i0, ilast), jj = std::clamp(j, j0, jlast);
+      if (ii == i && jj == j)
+        continue;
+      const int64_t k = at(i, j), kn = at(ii, jj);
+      const double dx = std::clamp<double>(g.sx[k] - g.sx[kn], -reach_x, reach_x);
+      const double dy = std::clamp<double>(g.sy[k] - g.sy[kn], -reach_y, reach_y);
+      g.sz[k] = static_cast<float>(g.sz[kn] + plane[1] * dx + plane[2] * dy);
+    }
+  double top = g.sz[0];
+  for (int64_t k = 1; k < g.lxy; k++)
+    top = std::max<double>(top, g.sz[k]);
+  g.topo_reference = top;
 }
 
 void Add_Topography_Model(Data_Set &ds) {

@@ -54,8 +54,13 @@ public:
   int type_topo_model = 2;       // 0 ignored, 1 uniform distortion, 2 damped distortion
   double topo_damp_factor = 0.5; // damping of the distortion with depth
   int type_topo_trend = 0;       // removed trend: 0 the average elevation, 1 a fitted plane
-  int type_topo_estimate = 1;    // elevations from 0 the nearest 4 electrodes, 1 all electrodes
-  int refine_topo = 0;           // refine the topography grid
+  // Elevations from 0 the nearest 4 electrodes, 1 all electrodes, 2 the
+  // local plane of the nearest 8 (exact on planar ground).
+  int type_topo_estimate = 2;
+  int refine_topo = 0; // refine the topography grid
+  // Buffer nodes beyond the grid: 0 the elevation of the nearest grid node,
+  // 1 that plus the rise of the survey's least-squares plane between them.
+  int topo_buffer_slope = 1;
 
   // Main finite-element mesh.
   int nodes_per_unit_spacing = 4;  // mesh spacings in each model cell, in x and in y

@@ -1,21 +1,22 @@
 #include "survey/scatter_interpolation.h"
 
+#include "core/solve3.h"
+
 #include <algorithm>
 #include <cmath>
 
-namespace {
-
 // The k smallest squared distances seen so far, with their point indices.
-struct Nearest_Set {
-  static constexpr int k = 4;
+struct Height_Interpolator::Nearest_Set {
+  static constexpr int k = 8;
+  int wanted = 4; // the set keeps this many (at most k)
   double d2[k];
   int64_t index[k];
   int count = 0;
 
   void Offer(double d, int64_t i) {
-    if (count == k && d >= d2[k - 1])
+    if (count == wanted && d >= d2[wanted - 1])
       return;
-    int pos = count < k ? count++ : k - 1;
+    int pos = count < wanted ? count++ : wanted - 1;
     while (pos > 0 && d2[pos - 1] > d) {
       d2[pos] = d2[pos - 1];
       index[pos] = index[pos - 1];
@@ -25,8 +26,6 @@ struct Nearest_Set {
     index[pos] = i;
   }
 };
-
-} // namespace
 
 namespace {
 
@@ -84,14 +83,15 @@ void Height_Interpolator::Build_Buckets() {
 double Height_Interpolator::operator()(double px, double py) const {
   if (x_.empty())
     return 0.0;
-  return method_ == all_points ? All_Points(px, py) : Nearest_Four(px, py);
+  return method_ == all_points    ? All_Points(px, py)
+         : method_ == local_plane ? Local_Plane(px, py)
+                                  : Nearest_Four(px, py);
 }
 
-double Height_Interpolator::Nearest_Four(double px, double py) const {
+void Height_Interpolator::Nearest(double px, double py, Nearest_Set &best) const {
   const int ci = Clamp_Cell((px - x0_) / cell_, nx_ - 1);
   const int cj = Clamp_Cell((py - y0_) / cell_, ny_ - 1);
-  const int wanted = static_cast<int>(std::min<int64_t>(Nearest_Set::k, size()));
-  Nearest_Set best;
+  best.wanted = static_cast<int>(std::min<int64_t>(best.wanted, size()));
   const auto visit = [&](int i, int j) {
     if (i < 0 || j < 0 || i >= nx_ || j >= ny_)
       return;
@@ -103,8 +103,8 @@ double Height_Interpolator::Nearest_Four(double px, double py) const {
     }
   };
   // Rings of cells around the position's cell. Every cell outside ring r lies
-  // at least r cells away, so the search ends once the fourth nearest point
-  // is closer than that.
+  // at least r cells away, so the search ends once the last wanted point is
+  // closer than that.
   const int rmax = std::max(nx_, ny_);
   for (int r = 0; r <= rmax; r++) {
     for (int i = ci - r; i <= ci + r; i++) {
@@ -117,9 +117,14 @@ double Height_Interpolator::Nearest_Four(double px, double py) const {
       visit(ci + r, j);
     }
     const double reach = r * cell_;
-    if (best.count >= wanted && best.d2[wanted - 1] <= reach * reach)
+    if (best.count >= best.wanted && best.d2[best.wanted - 1] <= reach * reach)
       break;
   }
+}
+
+double Height_Interpolator::Nearest_Four(double px, double py) const {
+  Nearest_Set best;
+  Nearest(px, py, best);
   double sw = 0.0, sz = 0.0;
   for (int m = 0; m < best.count; m++) {
     const double d = std::sqrt(best.d2[m]);
@@ -129,6 +134,33 @@ double Height_Interpolator::Nearest_Four(double px, double py) const {
     sz += z_[best.index[m]] / d;
   }
   return sz / sw;
+}
+
+double Height_Interpolator::Local_Plane(double px, double py) const {
+  Nearest_Set best;
+  best.wanted = Nearest_Set::k;
+  Nearest(px, py, best);
+  // Weighted least squares of z = a + b dx + c dy, weights 1 / d^2 (scaled
+  // by the nearest distance so that they stay finite).
+  double m[3][3] = {}, r[3] = {};
+  const double d0 = best.count > 0 ? best.d2[0] : 0.0;
+  for (int q = 0; q < best.count; q++) {
+    if (std::sqrt(best.d2[q]) < coincide)
+      return z_[best.index[q]];
+    const int64_t p = best.index[q];
+    const double f[3] = {1.0, x_[p] - px, y_[p] - py};
+    const double w = d0 / best.d2[q];
+    for (int a = 0; a < 3; a++) {
+      r[a] += w * f[a] * z_[p];
+      for (int b = 0; b < 3; b++)
+        m[a][b] += w * f[a] * f[b];
+    }
+  }
+  // Points on one line (or too few) give no plane.
+  double abc[3];
+  if (best.count < 3 || !Solve3(m, r, abc, 1e-9))
+    return Nearest_Four(px, py);
+  return abc[0];
 }
 
 double Height_Interpolator::All_Points(double px, double py) const {

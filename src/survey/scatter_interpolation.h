@@ -11,14 +11,20 @@
 //              cells only, not at every point.
 //   all points: weights 1/d^2 over every point, which gives the smoother
 //              surface far from any point.
+//   local plane: the plane fitted by least squares (weights 1/d^2) to the
+//              eight points nearest the position, taken at the position:
+//              ground that is a plane comes out exactly (the others do not
+//              reproduce a slope); nearest 4 where the points lie on a line.
 // A position within `coincide` of a point takes that point's value.
 class Height_Interpolator {
 public:
-  enum Method : int { nearest_four = 0, all_points = 1 };
+  enum Method : int { nearest_four = 0, all_points = 1, local_plane = 2 };
 
   template <class T>
   Height_Interpolator(const T *x, const T *y, const T *z, int64_t n, int method)
-      : method_(method == all_points ? all_points : nearest_four) {
+      : method_(method == all_points    ? all_points
+                : method == local_plane ? local_plane
+                                        : nearest_four) {
     x_.assign(x, x + n);
     y_.assign(y, y + n);
     z_.assign(z, z + n);
@@ -33,7 +39,10 @@ public:
 
 private:
   void Build_Buckets();
+  struct Nearest_Set;
+  void Nearest(double px, double py, Nearest_Set &best) const;
   double Nearest_Four(double px, double py) const;
+  double Local_Plane(double px, double py) const;
   double All_Points(double px, double py) const;
 
   int method_;

@@ -823,3 +823,41 @@ TEST(OptionalSectionsInterpolation, AllPointsWeightsAndSpecialCases) {
   const Height_Interpolator none(x, y, z, 0, Height_Interpolator::nearest_four);
   EXPECT_EQ(none(1.0, 1.0), 0.0);
 }
+
+TEST(OptionalSectionsInterpolation, LocalPlaneKeepsASlope) {
+  // Scattered points on a plane sloping 20 degrees: the local plane gives
+  // the plane back anywhere, inside and beyond the points; the weighted
+  // means flatten it between points. Points on one line (no plane across
+  // it) fall back to the nearest four.
+  std::mt19937 gen(11);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  std::vector<double> x, y, z;
+  const auto plane = [](double px, double py) { return 30.0 + 0.364 * px - 0.1 * py; };
+  for (int p = 0; p < 200; p++) {
+    x.push_back(40.0 * u(gen));
+    y.push_back(25.0 * u(gen));
+    z.push_back(plane(x.back(), y.back()));
+  }
+  const Height_Interpolator local(x.data(), y.data(), z.data(), 200,
+                                  Height_Interpolator::local_plane);
+  const Height_Interpolator near(x.data(), y.data(), z.data(), 200,
+                                 Height_Interpolator::nearest_four);
+  double near_worst = 0.0;
+  for (int q = 0; q < 200; q++) {
+    const double px = -5.0 + 50.0 * u(gen), py = -5.0 + 35.0 * u(gen);
+    EXPECT_NEAR(local(px, py), plane(px, py), 1e-9) << px << " " << py;
+    near_worst = std::max(near_worst, std::fabs(near(px, py) - plane(px, py)));
+  }
+  EXPECT_GT(near_worst, 0.1);
+  std::vector<double> lx, ly, lz;
+  for (int p = 0; p < 12; p++) {
+    lx.push_back(p);
+    ly.push_back(2.0);
+    lz.push_back(p * p);
+  }
+  const Height_Interpolator line(lx.data(), ly.data(), lz.data(), 12,
+                                 Height_Interpolator::local_plane);
+  const Height_Interpolator line4(lx.data(), ly.data(), lz.data(), 12,
+                                  Height_Interpolator::nearest_four);
+  EXPECT_DOUBLE_EQ(line(4.3, 5.0), line4(4.3, 5.0));
+}
