@@ -35,6 +35,24 @@ void Level_Division(int mark, int k, int l0, int &sx, int &sy, int &flag) {
   }
 }
 
+// The deepest dense level (from 1): `l0`, or deeper where a buried
+// electrode's nearest level lies lower, so that the nodes round every
+// electrode (its level and those above and below) belong to dense blocks
+// wherever it stands in plan.
+int Deepest_Dense_Level(const Data_Set &ds, int l0) {
+  const Model_Grid &g = ds.Model_grid;
+  const float *z = g.zmesh.data();
+  int deepest = l0;
+  for (int e = 0; e < ds.num_point_elecs; e++) {
+    const Point_Electrode &p = ds.pe[e];
+    if (p.used <= 0 || !(p.depth > 0.0))
+      continue;
+    const int kn = static_cast<int>(std::lower_bound(z, z + g.lz, static_cast<float>(p.depth)) - z);
+    deepest = std::max(deepest, g.nwater + std::min(kn, g.lz - 1) + 2);
+  }
+  return std::min(deepest, g.lzw - 1);
+}
+
 } // namespace
 
 int Convert_Model_Cell_to_Mesh_Cell(Data_Set &ds) {
@@ -54,7 +72,7 @@ int Convert_Model_Cell_to_Mesh_Cell(Data_Set &ds) {
   if (ss.sub_x.Resize(ds, k3, "mesh cell table") || ss.sub_y.Resize(ds, k3, "mesh cell table") ||
       ss.cell_flag.Resize(ds, k3, "mesh cell table"))
     return 1;
-  const int l0 = g.nwater + ss.num_fine_used - 1;
+  const int l0 = Deepest_Dense_Level(ds, g.nwater + ss.num_fine_used - 1);
   const bool all_dense = ss.use_dense_rect_mesh == 2;
   const int nbx = g.ngridx - 1;
   constexpr int follow_buffer = 6;
