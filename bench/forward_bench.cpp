@@ -16,7 +16,7 @@
 // the single-precision peak.
 //
 //   ohmvol3d_bench_forward [--large] [--grid N] [--reps N] [--block-code 0-5]
-//                          [--block-double]
+//                          [--block-double] [--hex-element 0-2]
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -49,6 +49,7 @@ constexpr double goal_time = 0.7, goal_memory = 0.6;
 // (-1 keeps the setting) and a double-precision factor.
 int block_code = -1;
 int block_double = 0;
+int hex_element = -1; // the element form; -1 the program's default
 // SGEMM on the two cores of the machines this runs on, with the right kernel.
 constexpr double sgemm_peak = 330.0;
 
@@ -69,6 +70,8 @@ Run_Result Forward_Run(const std::string &dir, const std::string &path, int cpu_
   Run_Result r;
   Bench_Data_Set b(dir);
   Data_Set &ds = b.ds;
+  if (hex_element >= 0)
+    ds.Fem.hex_element = hex_element;
   if (ds.Run_Command(CMD_READ_DATA, path.c_str()))
     return r;
   ds.Data_lim_sys.cpu_type_solver = cpu_type_solver;
@@ -109,6 +112,8 @@ Run_Result Cholmod_Run(const std::string &dir, const std::string &path) {
   Run_Result r;
   Bench_Data_Set b(dir);
   Data_Set &ds = b.ds;
+  if (hex_element >= 0)
+    ds.Fem.hex_element = hex_element;
   if (ds.Run_Command(CMD_READ_DATA, path.c_str()))
     return r;
   CooMatrix64 &m = ds.Fem.coomatrix64;
@@ -369,10 +374,12 @@ int main(int argc, char **argv) {
       block_code = std::clamp(std::atoi(argv[++k]), 0, 5);
     } else if (a == "--block-double") {
       block_double = 1;
+    } else if (a == "--hex-element" && k + 1 < argc) {
+      hex_element = std::clamp(std::atoi(argv[++k]), 0, 2);
     } else {
       std::fprintf(stderr,
                    "usage: %s [--large] [--grid N] [--reps N] [--block-code 0-5] "
-                   "[--block-double]\n",
+                   "[--block-double] [--hex-element 0-2]\n",
                    argv[0]);
       return 2;
     }
