@@ -401,8 +401,10 @@ void Report(Data_Set &ds, const Check_Earth &earth, const Mesh_Accuracy &acc) {
   }
   if (earth.layered)
     Panel(ds,
-          "Two-layer earth of %g ohm-m down to %g over %g ohm-m on the mesh of %d nodes: %d data",
-          earth.rho1, earth.h * ds.spxx, earth.rho2, ds.Semistructured.number_nodes_ss, ds.mdata);
+          "Two-layer earth of %g ohm-m down to %g over %g ohm-m on the mesh of %d nodes: %d "
+          "data%s",
+          earth.rho1, earth.h * ds.spxx, earth.rho2, ds.Semistructured.number_nodes_ss, ds.mdata,
+          acc.normalised ? ", potentials normalised by the mesh's half-space" : "");
   else
     Panel(ds, "Homogeneous half-space of %g ohm-m on the mesh of %d nodes: %d data", earth.rho1,
           ds.Semistructured.number_nodes_ss, ds.mdata);
@@ -455,9 +457,13 @@ int Check_Mesh(Data_Set &ds, const Check_Earth &earth, const std::vector<float> 
   }
   if (Forward_Model_Memory_Check(ds))
     return 1;
+  // A half-space normalised by itself would come out exact: normalisation
+  // is kept for a layered earth only, where it is what the user asked.
   const int normalise = ds.Fem.normalise_potentials;
-  ds.Fem.normalise_potentials = 0;
+  if (!earth.layered)
+    ds.Fem.normalise_potentials = 0;
   const int ierr = Forward_Model_LS(ds, res.data(), nullptr, 0);
+  acc.normalised = ds.Fem.normalise_potentials && ds.Fem.norm_ready;
   ds.Fem.normalise_potentials = normalise;
   if (ierr)
     return 1;

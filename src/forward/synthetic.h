@@ -63,6 +63,7 @@ struct Mesh_Accuracy {
   Plane_Fit fit;               // of the used electrodes, with topography (normalised units)
   double grid_departure = 0.0; // topography heights at grid nodes under the electrodes: their
                                // largest distance from the plane (normalised units)
+  bool normalised = false;     // a layered earth's potentials normalised by the half-space's
 };
 // Forward model of a homogeneous 100 ohm-m half-space on the mesh of the
 // present settings against the analytic values; the report goes to the

@@ -420,8 +420,21 @@ TEST(Check_Mesh_Surveys, TwoLayerEarths) {
   ASSERT_EQ(Read_Synthetic_Model(*x.ds, model.c_str(), m), 0);
   ASSERT_EQ(Check_Mesh_Model(*x.ds, m, acc), 0);
   Expect_Sensible(acc, x.ds->mdata);
+  EXPECT_FALSE(acc.normalised);
   for (int i = 0; i < x.ds->mdata; i++)
     EXPECT_NEAR(acc.analytic[i] / x.ds->dp[i].value, 1.0, 1e-5) << "datum " << i + 1;
+  // Normalised by the mesh's own half-space, the layered earth comes out
+  // closer; the half-space itself is never normalised by itself.
+  x.ds->Fem.normalise_potentials = 1;
+  Mesh_Accuracy norm;
+  ASSERT_EQ(Check_Mesh_Model(*x.ds, m, norm), 0);
+  EXPECT_TRUE(norm.normalised);
+  EXPECT_TRUE(Has_Panel_Line(x.rec, "potentials normalised by the mesh's half-space"));
+  EXPECT_LT(norm.largest, acc.largest);
+  std::printf("[ field two-layer ] largest %.3f %%, normalised %.3f %%\n", 100.0 * acc.largest,
+              100.0 * norm.largest);
+  ASSERT_EQ(Check_Mesh_Half_Space(*x.ds, acc), 0);
+  EXPECT_FALSE(acc.normalised);
 }
 
 // Electrodes off the grid lines: nudged, each stands on a node of the solved
