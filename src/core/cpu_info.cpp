@@ -11,6 +11,19 @@ extern "C" char *openblas_get_corename(void);
 namespace {
 
 const char *env_marker = "OHMVOL3D_BLAS_KERNEL_SET";
+const char *wait_marker = "OHMVOL3D_THREAD_WAIT_SET";
+// OpenMP threads waiting at a barrier spin this many turns, then sleep. The
+// runtime's own default spins for about a second's worth of turns: with
+// another busy process on the same cores a waiting thread then burns the
+// core that the thread it waits for needs, and two such runs slowed each
+// other 5 to 6 times (8.7 s alone, 48 s together for the 9 x 14 grid's
+// inversion); with 1,000 turns, 12.8 s together, and no loss alone.
+const char *omp_spin_count = "1000";
+// OpenBLAS's idle threads likewise spin 2^N cycles before they sleep (N = 28
+// by default, about a tenth of a second); 2^4, its least. Beside two
+// CPU-bound processes on the two cores the same inversion took 42 s with
+// the runtime's spinning, 20 s with this.
+const char *blas_thread_timeout = "4";
 
 uint64_t Read_Xcr0() {
   uint32_t eax, edx;
@@ -112,15 +125,43 @@ const char *Blas_Core_For(const Cpu_Info &cpu) {
 }
 
 void Select_Blas_Kernel(char **argv) {
-  if (std::getenv("OPENBLAS_CORETYPE"))
-    return; // the user's choice, or already re-executed
-  Cpu_Info cpu;
-  Detect_Cpu(cpu);
-  setenv("OPENBLAS_CORETYPE", Blas_Core_For(cpu), 1);
-  setenv(env_marker, "1", 1);
+  // Each variable is set only where the user has not (and a re-executed
+  // program finds both set, so it runs on).
+  bool again = false;
+  if (!std::getenv("OPENBLAS_CORETYPE")) {
+    Cpu_Info cpu;
+    Detect_Cpu(cpu);
+    setenv("OPENBLAS_CORETYPE", Blas_Core_For(cpu), 1);
+    setenv(env_marker, "1", 1);
+    again = true;
+  }
+  if (!std::getenv("OMP_WAIT_POLICY") && !std::getenv("GOMP_SPINCOUNT")) {
+    setenv("GOMP_SPINCOUNT", omp_spin_count, 1);
+    setenv(wait_marker, "1", 1);
+    again = true;
+  }
+  if (!std::getenv("OPENBLAS_THREAD_TIMEOUT")) {
+    setenv("OPENBLAS_THREAD_TIMEOUT", blas_thread_timeout, 1);
+    setenv(wait_marker, "1", 1);
+    again = true;
+  }
+  if (!again)
+    return;
   execv("/proc/self/exe", argv);
-  // The re-execution failed: go on with what OpenBLAS chose by itself.
+  // The re-execution failed: go on with what the libraries chose by themselves.
   unsetenv(env_marker);
+  unsetenv(wait_marker);
+}
+
+const char *Thread_Wait_Text() {
+  if (std::getenv(wait_marker))
+    return "idle threads sleep after a short spin (GOMP_SPINCOUNT, OPENBLAS_THREAD_TIMEOUT set "
+           "by the program where the user had not)";
+  if (std::getenv("OMP_WAIT_POLICY") || std::getenv("GOMP_SPINCOUNT") ||
+      std::getenv("OPENBLAS_THREAD_TIMEOUT"))
+    return "idle threads wait as the user set (OMP_WAIT_POLICY or GOMP_SPINCOUNT, "
+           "OPENBLAS_THREAD_TIMEOUT)";
+  return "idle threads wait as the libraries chose";
 }
 
 const char *Blas_Kernel_Name() {

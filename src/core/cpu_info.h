@@ -21,10 +21,15 @@ const char *Blas_Core_For(const Cpu_Info &cpu);
 
 // OpenBLAS reads OPENBLAS_CORETYPE when it is loaded, before main() runs, and
 // on some virtual machines its own detection falls back to a generic kernel.
-// Unless the user set the variable, this sets it from cpuid and re-executes
-// the program once so that the library starts with the right kernel. Call it
-// first thing in main(). Returns only when no re-execution happened.
+// The OpenMP runtime likewise reads how its waiting threads wait
+// (OMP_WAIT_POLICY, GOMP_SPINCOUNT) when it loads. Unless the user set them,
+// this sets the kernel from cpuid and a short spin before sleeping (so that a
+// run shares the cores with other busy processes in proportion), and
+// re-executes the program once so that the libraries start with them. Call
+// it first thing in main(). Returns only when no re-execution happened.
 void Select_Blas_Kernel(char **argv);
+// How the OpenMP threads wait, and who chose it, for the configuration report.
+const char *Thread_Wait_Text();
 
 // The kernel OpenBLAS runs, and whether the program chose it ("set by the
 // program", "set by the user" or "detected by OpenBLAS").

@@ -125,9 +125,9 @@ std::string Data_Set::Configuration_Report() const {
   char cpu_line[512];
   std::snprintf(cpu_line, sizeof cpu_line, "%s (%s)", sc.cpu.brand, sc.cpu.vendor_word);
   char level_line[512];
-  std::snprintf(level_line, sizeof level_line, "%s\nOpenBLAS kernel %s, %s.",
+  std::snprintf(level_line, sizeof level_line, "%s\nOpenBLAS kernel %s, %s.\nOpenMP: %s.",
                 Instruction_Level_Text(sc.cpu.instruction_level), Blas_Kernel_Name(),
-                Blas_Kernel_Origin());
+                Blas_Kernel_Origin(), Thread_Wait_Text());
   char text[4096];
   int n = std::snprintf(text, sizeof text,
                         "PC configuration :-\n%s\nNumber of CPU parallel threads %d\nFree RAM %.1f "
