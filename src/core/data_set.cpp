@@ -2,6 +2,7 @@
 
 #include <cblas.h>
 #include <cstdio>
+#include <cblas.h>
 #include <omp.h>
 #include <unistd.h>
 
@@ -13,8 +14,12 @@
 #include "survey/survey.h"
 
 Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front) {
-  if (opt.nthreads > 0)
+  // The thread count asked for holds for every pool: OpenMP (and with it
+  // MUMPS) and OpenBLAS.
+  if (opt.nthreads > 0) {
     omp_set_num_threads(opt.nthreads);
+    openblas_set_num_threads(opt.nthreads);
+  }
   System_config.Start(opt);
 }
 
