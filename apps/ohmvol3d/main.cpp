@@ -133,7 +133,7 @@ int Run_Invert(Data_Set &ds, const Cli_Options &opt) {
     return 1;
   const std::string *out = Named_Option(opt, "-o");
   const int r = ds.Run_Command(CMD_INVERT, out ? out->c_str() : nullptr);
-  if (!ds.LS.results_path.empty()) {
+  if (r == 0 && !ds.LS.results_path.empty()) {
     print_to_buffer(ds.mesg, sizeof ds.mesg, "Results file %s", ds.LS.results_path.c_str());
     panel_text(ds, ds.mesg);
   }

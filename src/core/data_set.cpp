@@ -2,7 +2,6 @@
 
 #include <cblas.h>
 #include <cstdio>
-#include <cblas.h>
 #include <omp.h>
 #include <unistd.h>
 

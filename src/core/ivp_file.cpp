@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <sys/stat.h>
 #include <unordered_map>
 #include <vector>
 
@@ -180,6 +181,15 @@ int readinvset(Data_Set &ds, int silent, const char *path) {
       print_to_buffer(ds.mesg, sizeof ds.mesg, "Cannot find the file %s", path);
       panel_text(ds, ds.mesg);
     }
+    return 1;
+  }
+  // A folder opens on Linux and reports an absurd size: refused as what it is.
+  struct stat st;
+  if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+    std::fclose(f);
+    print_to_buffer(ds.mesg, sizeof ds.mesg, "The settings file %s is not a file (a folder?)",
+                    path);
+    show_message(ds, ds.mesg, "Message");
     return 1;
   }
   std::fseek(f, 0, SEEK_END);

@@ -68,9 +68,13 @@ int read_int(Text_Image &t) {
 double read_real(Text_Image &t) {
   char tok[84];
   bool has_star;
+  t.well_formed = 0;
   if (!Next_Token(t, tok, false, has_star))
     return 0.0;
-  return std::strtod(tok, nullptr);
+  char *end = nullptr;
+  const double v = std::strtod(tok, &end);
+  t.well_formed = end && *end == 0 && std::strpbrk(tok, "0123456789") != nullptr;
+  return v;
 }
 
 double read_real_star(Text_Image &t, double dflt, int &star) {

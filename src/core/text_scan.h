@@ -10,6 +10,8 @@ struct Text_Image {
   int64_t size = 0;          // their count
   int64_t pos = 0;           // the cursor
   int found = 0;             // 1 when the last number scan found a token
+  int well_formed = 0;       // 1 when that token was a whole number (a digit, and
+                             // nothing left over after the conversion)
 };
 
 constexpr int text_line_max = 259; // characters a line keeps

@@ -246,6 +246,10 @@ int Invert_Data_Set(Data_Set &ds) {
   LS_State &ls = ds.LS;
   LS_Method &lm = ds.LS_method;
   const auto run_start = Clock::now();
+  // Refused before any set-up: the settings and arrays below are sized for
+  // one series.
+  if (ds.ntime > 1)
+    return Refuse_Always(ds, "Message", "Time-lapse inversion is not available in this version.");
   ls.fmarq1_saved = lm.fmarq1;
   ls.fmarqm_saved = lm.fmarqm;
   ls.dataconstr_save = lm.dataconstr;
@@ -253,11 +257,6 @@ int Invert_Data_Set(Data_Set &ds) {
   Invert_Initial_Settings(ds);
   ls.dataconstr_save = lm.dataconstr;
   Set_Initial_Settings_LeastSquares(ds);
-  if (ds.ntime > 1) {
-    Refuse_Always(ds, "Message", "Time-lapse inversion is not available in this version.");
-    Finish_Run(ds);
-    return 1;
-  }
   int ierr = Set_Up_Run(ds);
   ls.time_set = Seconds_Since(run_start);
   if (ierr) {

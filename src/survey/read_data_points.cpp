@@ -110,6 +110,10 @@ int Read_Positions(Data_Set &ds, int i, Data_Point &d) {
 // A value of the file; |v| above 1e30 (or not a number) is refused.
 int Read_Value(Data_Set &ds, int i, float &v) {
   const double x = read_real(ds.img);
+  // A sign without digits (the "-" of "-inf" or "-nan") is no value.
+  if (ds.img.found && !ds.img.well_formed)
+    return Refuse(ds, "Data Error", "Data point number %d has a value that is not a number.\n",
+                  i + 1);
   if (!(std::fabs(x) <= 1e30))
     return Refuse(ds, "Data Error", "Data point number %d has an invalid value of %g.\n", i + 1, x);
   v = static_cast<float>(x);

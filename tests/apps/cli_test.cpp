@@ -327,6 +327,24 @@ TEST_F(Cli, WrongHeaderRefusedButSilentAtStart) {
   EXPECT_EQ(start.err.find("ivp file format"), std::string::npos);
 }
 
+// A folder where a settings file is wanted, and a data set the inversion
+// refuses: a message and exit 1, no abort, no crash, no results file named.
+TEST_F(Cli, FolderSettingsAndRefusedInversionFailCleanly) {
+  std::filesystem::create_directories(dir + "/folder.ivp");
+  for (const char *args : {"settings load folder.ivp", "info --ivp folder.ivp"}) {
+    SCOPED_TRACE(args);
+    const Run_Result r = Run(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("folder.ivp is not a file"), std::string::npos) << r.err;
+  }
+  const Run_Result t =
+      Run(std::string("invert '") + OHMVOL3D_EXAMPLES + "/time_lapse.dat' -o tl.inv");
+  EXPECT_EQ(t.status, 1);
+  EXPECT_NE(t.err.find("Time-lapse inversion is not available"), std::string::npos) << t.err;
+  EXPECT_EQ((t.out + t.err).find("Results file"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(dir + "/tl.inv"));
+}
+
 TEST_F(Cli, SetIsClampedAndIvpOptionApplies) {
   EXPECT_FALSE(Shown_Value("fmarq1").empty()) << "settings show lists fmarq1";
   const Run_Result r = Run("settings save c.ivp --set fmarq1=50");

@@ -521,6 +521,12 @@ const std::vector<Refusal> refusals = {
      "Data zero resistance error",
      "Data point number 1 has a\nzero apparent resistivity value!\nThe value is 0.0000 0.0265.\n",
      read_points_step},
+    // "-inf" (and "-nan") scan as a lone sign: no value, not a zero.
+    {"value_without_digits",
+     {{point1, "4 12.000 20.000  10.000 20.000  14.000 20.000  16.000 20.000  -inf"}},
+     "Data Error",
+     "Data point number 1 has a value that is not a number.\n",
+     read_points_step},
     {"infinite_geometric_factor_four_electrodes",
      {{point1, "4 12.000 20.000  16.000 20.000  14.000 22.000  14.000 20.000  100.000"}},
      "Data locations error",
