@@ -270,7 +270,12 @@ int main(int argc, char **argv) {
   Install_Image_Front_End(fe, image);
   static Data_Set ds(start, fe);
   ds.batch_mode = 1;
-  ds.Create();
+  // The program's tables come first: without them nothing can run (the
+  // allocation has shown what it lacked).
+  if (ds.Create()) {
+    ds.Exit();
+    return 1;
+  }
   ds.First_Paint();
 
   // A trace that cannot be created is reported and the run goes on without it.

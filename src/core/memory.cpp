@@ -1,8 +1,10 @@
 #include "core/memory.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "core/data_set.h"
@@ -93,19 +95,45 @@ int64_t Meminfo_Kb(const char *key) {
   return kb;
 }
 
+// The process's address-space limit (ulimit -v), -1 without one.
+int64_t Address_Space_Limit() {
+  rlimit r;
+  if (getrlimit(RLIMIT_AS, &r) != 0 || r.rlim_cur == RLIM_INFINITY)
+    return -1;
+  return static_cast<int64_t>(r.rlim_cur);
+}
+
+// The address space the process holds now (its virtual size).
+int64_t Address_Space_Used() {
+  FILE *f = std::fopen("/proc/self/statm", "r");
+  if (!f)
+    return 0;
+  long long pages = 0;
+  const int got = std::fscanf(f, "%lld", &pages);
+  std::fclose(f);
+  return got == 1 ? pages * Page() : 0;
+}
+
 } // namespace
 
+// Under an address-space limit the memory a run may count on is what the
+// limit leaves, whatever the machine holds: the limits and the memory checks
+// then size the work to fit instead of failing part way.
 int64_t Total_Memory_Bytes() {
   const long pages = sysconf(_SC_PHYS_PAGES);
-  if (pages > 0)
-    return static_cast<int64_t>(pages) * Page();
-  const int64_t kb = Meminfo_Kb("MemTotal");
-  return kb > 0 ? kb * 1024 : 0;
+  int64_t total = pages > 0 ? static_cast<int64_t>(pages) * Page() : 0;
+  if (total == 0) {
+    const int64_t kb = Meminfo_Kb("MemTotal");
+    total = kb > 0 ? kb * 1024 : 0;
+  }
+  const int64_t limit = Address_Space_Limit();
+  return limit >= 0 ? std::min(total, std::max<int64_t>(limit - Address_Space_Used(), 0)) : total;
 }
 
 int64_t Available_Memory_Bytes() {
   const int64_t kb = Meminfo_Kb("MemAvailable");
-  if (kb > 0)
-    return kb * 1024;
-  return static_cast<int64_t>(sysconf(_SC_AVPHYS_PAGES)) * Page();
+  const int64_t avail =
+      kb > 0 ? kb * 1024 : static_cast<int64_t>(sysconf(_SC_AVPHYS_PAGES)) * Page();
+  const int64_t limit = Address_Space_Limit();
+  return limit >= 0 ? std::min(avail, std::max<int64_t>(limit - Address_Space_Used(), 0)) : avail;
 }

@@ -345,6 +345,22 @@ TEST_F(Cli, FolderSettingsAndRefusedInversionFailCleanly) {
   EXPECT_FALSE(std::filesystem::exists(dir + "/tl.inv"));
 }
 
+// Under an address-space limit too small for the program's tables the run
+// says what it lacked and exits 1: no crash after the failed allocation.
+// One thread a pool: OpenBLAS's own worker threads retry a failed buffer
+// allocation for ever, which no program of its can end.
+TEST_F(Cli, AddressSpaceLimitEndsWithAMessage) {
+  const std::string cmd = "cd '" + dir + "' && ulimit -v 400000 && OPENBLAS_NUM_THREADS=1 " +
+                          "OMP_NUM_THREADS=1 XDG_CONFIG_HOME='" + dir + "/cfg' XDG_CACHE_HOME='" +
+                          dir + "/cache' timeout 120 '" OHMVOL3D_CLI "' mesh '" +
+                          OHMVOL3D_EXAMPLES + "/grid_9x14.dat' >'" + dir + "/out.txt' 2>'" + dir +
+                          "/err.txt' </dev/null";
+  const int raw = std::system(("/bin/bash -c \"" + cmd + "\"").c_str());
+  ASSERT_TRUE(WIFEXITED(raw));
+  EXPECT_EQ(WEXITSTATUS(raw), 1);
+  EXPECT_NE(Slurp(dir + "/err.txt").find("Memory allocation error"), std::string::npos);
+}
+
 TEST_F(Cli, SetIsClampedAndIvpOptionApplies) {
   EXPECT_FALSE(Shown_Value("fmarq1").empty()) << "settings show lists fmarq1";
   const Run_Result r = Run("settings save c.ivp --set fmarq1=50");
