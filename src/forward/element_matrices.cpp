@@ -59,6 +59,17 @@ double Dot(const double a[3], const double b[3]) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
+// The cofactors of J (cof[r][d], so that J^-1[d][r] = cof[r][d] / det);
+// returns the determinant.
+double Cofactors(const double J[3][3], double cof[3][3]) {
+  for (int r = 0; r < 3; r++)
+    for (int d = 0; d < 3; d++) {
+      const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
+      cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
+    }
+  return J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
+}
+
 // One integration point of an element of N nodes at positions p: `dg` are
 // the derivatives in reference coordinates of the shape functions that map
 // the element (its geometry), `dn` those of the functions that interpolate
@@ -74,12 +85,7 @@ void Add_Point(const double p[][3], const double dg[N][3], const double dn[N][3]
       for (int d = 0; d < 3; d++)
         J[r][d] += dg[n][r] * p[n][d];
   double cof[3][3];
-  for (int r = 0; r < 3; r++)
-    for (int d = 0; d < 3; d++) {
-      const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
-      cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
-    }
-  const double det = J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
+  const double det = Cofactors(J, cof);
   if (det == 0.0)
     return;
   // Physical gradients: grad N = J^-1 dN, J^-1[d][r] = cof[r][d] / det.
@@ -316,12 +322,7 @@ void Cut_Hex_Matrix(const double p[8][3], unsigned cut, double m[8][8]) {
     return;
   }
   double cof[3][3];
-  for (int r = 0; r < 3; r++)
-    for (int d = 0; d < 3; d++) {
-      const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, d1 = (d + 1) % 3, d2 = (d + 2) % 3;
-      cof[r][d] = J[r1][d1] * J[r2][d2] - J[r1][d2] * J[r2][d1];
-    }
-  const double det = J[0][0] * cof[0][0] + J[0][1] * cof[0][1] + J[0][2] * cof[0][2];
+  const double det = Cofactors(J, cof);
   if (det == 0.0)
     return;
   // grad N = J^-1 dN with J^-1[d][r] = cof[r][d] / det; the metric
