@@ -24,6 +24,7 @@ Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front)
 
 Data_Set::~Data_Set() {
   Free_Arrays();
+  Release_Buffer_Folder(file_names);
 }
 
 int Data_Set::Create() {
@@ -50,7 +51,13 @@ int Data_Set::First_Paint(int report) {
 }
 
 void Data_Set::Set_Folder_Names() {
-  Set_Temp_File_Names(file_names, System_config.buffer_folder);
+  if (Set_Temp_File_Names(file_names, System_config.buffer_folder)) {
+    print_to_buffer(mesg, sizeof mesg,
+                    "Another run uses the buffer folder %s: this run keeps its temporary files "
+                    "in %s",
+                    System_config.buffer_folder.c_str(), file_names.folder.c_str());
+    panel_text(*this, mesg);
+  }
   Set_Trace_Paths(System_config.buffer_folder);
 }
 
@@ -58,6 +65,7 @@ void Data_Set::Exit() {
   TRACE("IDM_EXIT\n");
   System_config.Ini.Write(System_config.Ini_Path());
   Remove_Exit_Temp_Files(file_names);
+  Release_Buffer_Folder(file_names);
 }
 
 int Data_Set::Allocate_Arrays() {

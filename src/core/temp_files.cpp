@@ -1,8 +1,11 @@
 #include "core/temp_files.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "core/data_set.h"
@@ -95,10 +98,40 @@ const char *Temp_File_Base_Name(int which) {
   return which >= 0 && which < TF_COUNT ? temp_base_names[which] : "";
 }
 
-void Set_Temp_File_Names(File_Names &names, const std::string &folder) {
-  names.folder = With_Slash(folder);
+void Release_Buffer_Folder(File_Names &names) {
+  if (names.lock_fd >= 0)
+    close(names.lock_fd);
+  names.lock_fd = -1;
+  if (!names.own_folder.empty()) {
+    std::error_code ec;
+    std::filesystem::remove_all(names.own_folder, ec);
+  }
+  names.own_folder.clear();
+}
+
+int Set_Temp_File_Names(File_Names &names, const std::string &folder) {
+  Release_Buffer_Folder(names);
+  const std::string base = With_Slash(folder);
+  names.folder = base;
+  int apart = 0;
+  names.lock_fd = open((base + "ohmvol3d.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (names.lock_fd >= 0 && flock(names.lock_fd, LOCK_EX | LOCK_NB) != 0) {
+    static std::atomic<int> count{0};
+    char sub[64];
+    std::snprintf(sub, sizeof sub, "run_%d_%d/", static_cast<int>(getpid()), ++count);
+    std::error_code ec;
+    if (std::filesystem::create_directories(base + sub, ec) ||
+        std::filesystem::is_directory(base + sub)) {
+      names.folder = base + sub;
+      names.own_folder = names.folder;
+      apart = 1;
+    }
+    close(names.lock_fd);
+    names.lock_fd = -1;
+  }
   for (int i = 0; i < TF_COUNT; i++)
     names.temp[i] = names.folder + temp_base_names[i];
+  return apart;
 }
 
 std::string Factor_File_Name(const File_Names &names, const char *stem, int lower, int i, int j) {

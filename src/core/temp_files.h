@@ -82,15 +82,25 @@ const char *Temp_File_Base_Name(int which);
 
 // Full paths of all temporary files, rebuilt whenever the folder changes.
 struct File_Names {
-  std::string folder;            // the buffer folder, ends in '/'
+  std::string folder;            // where the run's temporary files go, ends in '/': the
+                                 // buffer folder, or a folder of this run's inside it
   std::string temp[TF_COUNT];    // full paths
   std::string data_file;         // the data file read last
   std::string results_file;      // the results file written or read last
   std::string command_line_file; // file named on the command line
+  int lock_fd = -1;              // the buffer folder's lock file, held while the names stand
+  std::string own_folder;        // the run's own folder when another run held the lock
 };
 
-// Rebuilds every temporary file name from `folder` (a closing '/' is added).
-void Set_Temp_File_Names(File_Names &names, const std::string &folder);
+// Rebuilds every temporary file name from the buffer folder `folder` (a
+// closing '/' is added). A run takes the folder's lock file
+// ("ohmvol3d.lock"); where another run (this program in another process, or
+// another data set) holds it, this run's files go to a folder of its own in
+// the buffer folder ("run_PID_N/"), so that two runs never share temporary
+// files. Returns 1 in that case, 0 otherwise.
+int Set_Temp_File_Names(File_Names &names, const std::string &folder);
+// Lets go of the lock and removes the run's own folder with what is in it.
+void Release_Buffer_Folder(File_Names &names);
 // Names of the block solver's factor files: "%s_lnz_%d_%d.bin", "%s_unz_%d_%d.bin".
 std::string Factor_File_Name(const File_Names &names, const char *stem, int lower, int i, int j);
 

@@ -418,3 +418,35 @@ TEST(Memory, BlocksAreZeroFilledAndPageAligned) {
   ASSERT_NE(m, nullptr);
   EXPECT_TRUE(Starts_With(m->text, "Memory allocation error for array huge table\n")) << m->text;
 }
+
+TEST(TempFiles, TwoRunsOnOneBufferFolderKeepTheirFilesApart) {
+  // The first data set holds the buffer folder's lock and its files are in
+  // the folder; the second (as a second process would) gets a folder of its
+  // own, says so, and removes it with what is in it when it ends. The lock
+  // goes with the first: a later run takes the folder again.
+  Temp_Folder tmp;
+  ASSERT_TRUE(tmp.ok());
+  Front_End_Record rec1, rec2, rec3;
+  auto first = Make_Data_Set(tmp, rec1);
+  const std::string buffer = tmp.sub("buf/");
+  ASSERT_EQ(first->file_names.folder, buffer);
+  std::string own;
+  {
+    auto second = Make_Data_Set(tmp, rec2, 24 * gib, true);
+    own = second->file_names.folder;
+    EXPECT_NE(own, buffer);
+    EXPECT_TRUE(Starts_With(own, buffer + "run_")) << own;
+    EXPECT_TRUE(Exists(own));
+    EXPECT_EQ(second->file_names.temp[TF_JACOBIAN], own + "jacobian.bin");
+    bool said = false;
+    for (const auto &l : rec2.panel_lines)
+      said = said || l.text.find("Another run uses the buffer folder") != std::string::npos;
+    EXPECT_TRUE(said);
+    Write_File(second->file_names.temp[TF_JACOBIAN], "x");
+  }
+  EXPECT_FALSE(Exists(own));
+  EXPECT_EQ(first->file_names.temp[TF_JACOBIAN], buffer + "jacobian.bin");
+  first.reset();
+  auto third = Make_Data_Set(tmp, rec3);
+  EXPECT_EQ(third->file_names.folder, buffer);
+}
