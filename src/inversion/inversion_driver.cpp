@@ -192,7 +192,8 @@ int Set_Up_Run(Data_Set &ds) {
   Calculate_Lcurve_Values_Resis_Iter(ds, 0, ls.fmarq);
   if (ls.save_results) {
     progress(ds, "Saving input data", 1.0);
-    printmodelh(ds, ls.results_path.c_str(), 0, ls.rmslog_res);
+    if (printmodelh(ds, ls.results_path.c_str(), 0, ls.rmslog_res))
+      return 1;
   }
   return 0;
 }
@@ -285,8 +286,10 @@ int Invert_Data_Set(Data_Set &ds) {
     ls.hist_dataconstr[ls.nitcount] = ls.dataconstr;
     ls.hist_seconds[ls.nitcount] = Seconds_Since(t_iter);
     ls.nitcountres = ls.nitcount;
-    if (ls.save_results)
-      Save_Model(ds);
+    if (ls.save_results && Save_Model(ds)) {
+      ierr = 1;
+      break;
+    }
     print_to_buffer(ds.mesg, sizeof ds.mesg, "Iteration %d  %s %.2f%%  Damping factor %.5f  %.1f s",
                     ls.nitcount, ls.dataconstr ? "Abs. error" : "RMS error", ls.rmslog_res * 100.0,
                     ls.hist_fmarq[ls.nitcount], ls.hist_seconds[ls.nitcount]);
@@ -305,8 +308,8 @@ int Invert_Data_Set(Data_Set &ds) {
   }
   lm.fmarq1 = ls.fmarq1_saved;
   lm.fmarqm = ls.fmarqm_saved;
-  if (ls.save_results)
-    Print_Summary(ds, "End of inversion results");
+  if (ls.save_results && !ierr && Print_Summary(ds, "End of inversion results"))
+    ierr = 1;
   if (!ierr)
     show_message(ds, "Inversion completed", "Message", MK_INFORMATION);
   Finish_Run(ds);

@@ -13,6 +13,9 @@ struct Data_Point;
 // Iteration 0 writes the header, an iteration above 0 a model section.
 // `misfit` is the fraction (0.05 is 5 percent).
 int printmodelh(Data_Set &ds, const char *path, int iteration, double misfit);
+// The message of a results file that could not be written (disk full, ...),
+// with the system's reason for `error` (an errno value); returns 1.
+int Results_Not_Written(Data_Set &ds, const char *path, int error);
 // Records the iteration's misfit and writes its model section.
 int Save_Model(Data_Set &ds);
 // The summary, then `closing` on a line of its own.

@@ -3,10 +3,13 @@
 // positions in user units) followed by the layers and the model blocks; each
 // iteration then adds the block resistivities and the calculated values.
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 #include "core/data_set.h"
+#include "core/messages.h"
 #include "core/trace.h"
 #include "modes/ip_units.h"
 #include "results/results_file.h"
@@ -386,8 +389,9 @@ void Write_Results_Value(FILE *f, double v) {
 int printmodelh(Data_Set &ds, const char *path, int iteration, double misfit) {
   FILE *f = path && path[0] ? std::fopen(path, "a") : nullptr;
   if (!f) {
+    const int open_errno = errno;
     Progress_Text(ds, 0.0, "Error in opening file %s", path ? path : "");
-    return 1;
+    return Results_Not_Written(ds, path ? path : "", open_errno);
   }
   if (iteration == 0) {
     // A saved file always gives vector data as two components plus
@@ -400,11 +404,21 @@ int printmodelh(Data_Set &ds, const char *path, int iteration, double misfit) {
   } else {
     Write_Model_Section(ds, f, iteration, misfit);
   }
-  int ierr = std::ferror(f) != 0 ? 1 : 0;
-  if (std::fclose(f) != 0)
-    ierr = 1;
-  TRACE("printmodelh %s iteration %d misfit %.5f ierr %d\n", path, iteration, misfit, ierr);
-  return ierr;
+  const bool bad = std::ferror(f) != 0;
+  const int write_errno = errno;
+  const bool closed = std::fclose(f) == 0;
+  TRACE("printmodelh %s iteration %d misfit %.5f bad %d\n", path, iteration, misfit,
+        bad || !closed);
+  if (bad || !closed)
+    return Results_Not_Written(ds, path, closed ? write_errno : errno);
+  return 0;
+}
+
+int Results_Not_Written(Data_Set &ds, const char *path, int error) {
+  return Refuse_Always(ds, "File Error",
+                       "The results file %s could not be written (%s).\nThe run stops; the file "
+                       "holds only what was written before.",
+                       path, error ? std::strerror(error) : "write error");
 }
 
 int Save_Model(Data_Set &ds) {

@@ -319,3 +319,23 @@ TEST(ResultsFile, UnopenableFileIsReported) {
 }
 
 } // namespace
+
+TEST(ResultsFile, WriteFailuresAreReportedWithTheirReason) {
+  // A results path that cannot take the file (here a folder): the header,
+  // a model section and the summary each fail with the message and the
+  // system's reason, not in silence.
+  Results_Run run;
+  Data_Set &d = *run.ds;
+  const std::string folder = run.tmp.sub("a_folder");
+  std::filesystem::create_directories(folder);
+  d.LS.results_path = folder;
+  run.rec.Clear();
+  EXPECT_EQ(printmodelh(d, folder.c_str(), 0, 0.05), 1);
+  EXPECT_EQ(printmodelh(d, folder.c_str(), 1, 0.05), 1);
+  const test_support::Recorded_Message *m = run.rec.Last("File Error");
+  ASSERT_NE(m, nullptr);
+  EXPECT_NE(m->text.find("The results file " + folder + " could not be written (Is a directory)"),
+            std::string::npos)
+      << m->text;
+  EXPECT_NE(Print_Summary(d, "End"), 0);
+}
