@@ -15,6 +15,7 @@
 #include "core/settings_table.h"
 #include "forward/synthetic.h"
 #include "mesh/mesh.h"
+#include "results/results_file.h"
 #include "survey/survey.h"
 #include "ui/qt/qimage_surface.h"
 
@@ -223,6 +224,8 @@ int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
   // The iteration's model (and, for the electrode map, its calculated data).
   const bool iteration_needed =
       w.type_display <= VIEW_YZ || (w.type_display == VIEW_ELECTRODES && results);
+  if (results && Check_Results_Choice(ds, w.iteration, w.quantity == DQ_IP))
+    return 1;
   if (iteration_needed &&
       Display_Resistivity_Model_Inv_Select(ds, w.iteration, w.quantity == DQ_IP, 0))
     return 1;

@@ -113,6 +113,12 @@ int Set_Up_Run(Data_Set &ds) {
   if (Forward_Model_Memory_Check(ds))
     return 1;
   if (ls.save_results) {
+    // Only a file is replaced: a folder of that name (empty or not) is kept.
+    std::error_code ec;
+    if (std::filesystem::is_directory(ls.results_path, ec))
+      return Show_Text(ds, "File Error Message", MK_WARNING,
+                       "Error in creating output file\n%s\nThis is a folder, not a file.",
+                       ls.results_path.c_str());
     std::remove(ls.results_path.c_str());
     FILE *f = std::fopen(ls.results_path.c_str(), "w");
     if (!f)

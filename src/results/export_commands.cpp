@@ -10,12 +10,8 @@
 #include "results/results_file.h"
 #include "survey/survey_text.h"
 
-namespace {
-
-// The chosen iteration (the last when none was chosen) into the live arrays.
-int Load_Export_Iteration(Data_Set &ds, int &iteration) {
+int Check_Results_Choice(Data_Set &ds, int iteration, bool ip) {
   const Inv_Results &r = ds.Inv_results;
-  iteration = r.export_iteration > 0 ? r.export_iteration : r.nitcount_inv;
   if (r.nitcount_inv < 1)
     return Show_Text(ds, "Message", MK_WARNING, "%s",
                      "The results file holds no model: the inversion stopped before its first "
@@ -24,6 +20,20 @@ int Load_Export_Iteration(Data_Set &ds, int &iteration) {
     return Show_Text(ds, "Message", MK_WARNING,
                      "Iteration %d is not in the results file.\nIt holds iterations 1 to %d.",
                      iteration, r.nitcount_inv);
+  if (ip && !r.typeip)
+    return Show_Text(ds, "Message", MK_WARNING, "%s",
+                     "The results file holds no IP model: it is of resistivity data only.");
+  return 0;
+}
+
+namespace {
+
+// The chosen iteration (the last when none was chosen) into the live arrays.
+int Load_Export_Iteration(Data_Set &ds, int &iteration) {
+  const Inv_Results &r = ds.Inv_results;
+  iteration = r.export_iteration > 0 ? r.export_iteration : r.nitcount_inv;
+  if (Check_Results_Choice(ds, iteration, r.export_ip != 0))
+    return 1;
   return Read_Model_Binary_File(ds, iteration);
 }
 

@@ -137,7 +137,20 @@ TEST_F(Cli, ResultsFilesExportAndPlot) {
   EXPECT_EQ(Run("plot x.dat -o s.png").status, 2); // the sections need results
   EXPECT_EQ(Run("plot x.inv --view mesh -o s.png").status, 2);
   EXPECT_EQ(Run("plot x.inv").status, 2); // no -o
+  // What the file does not hold is refused, not drawn from what it holds.
+  const Run_Result later = Run("plot x.inv --iteration 99 -o s.png");
+  EXPECT_EQ(later.status, 1);
+  EXPECT_NE(later.err.find("Iteration 99 is not in the results file"), std::string::npos);
+  for (const char *ip : {"plot x.inv --ip -o s.png", "export x.inv --format xyz --ip"}) {
+    const Run_Result no_ip = Run(ip);
+    EXPECT_EQ(no_ip.status, 1) << ip;
+    EXPECT_NE(no_ip.err.find("holds no IP model"), std::string::npos) << ip << no_ip.err;
+  }
   EXPECT_FALSE(std::filesystem::exists(dir + "/s.png"));
+  // A folder named as the results file is kept, the run refused.
+  std::filesystem::create_directories(dir + "/out.inv");
+  EXPECT_EQ(Run("invert x.dat -o out.inv --set nit=1 --quiet").status, 1);
+  EXPECT_TRUE(std::filesystem::is_directory(dir + "/out.inv"));
   // A file that is no data file stops at the read.
   Spit(dir + "/y.dat", "title\n");
   const Run_Result bad = Run("invert y.dat");
