@@ -10,7 +10,8 @@
 
 namespace {
 
-constexpr float res_floor = 0.00011f, res_ceiling = 900000.0f;
+constexpr float res_floor = static_cast<float>(forward_res_floor),
+                res_ceiling = static_cast<float>(forward_res_ceiling);
 
 // Resistivity bounded once the extremes show that some value passes a bound.
 struct Res_Bounds {

@@ -12,6 +12,10 @@ class Data_Set;
 class Model_Grid;
 struct Electrode_Nodes;
 
+// The resistivities (ohm-m) the forward model takes: a model with values
+// outside is bounded to them cell by cell.
+constexpr double forward_res_floor = 0.00011, forward_res_ceiling = 900000.0;
+
 // --- Assembly -------------------------------------------------------------------
 // Each element's conductivity from the mesh cell under its centre.
 void Set_Mesh_Cell_Cond_ss(Data_Set &ds, bool complex_values);

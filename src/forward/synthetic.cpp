@@ -75,6 +75,16 @@ int Read_Synthetic_Model(Data_Set &ds, const char *path, Synthetic_Model &model)
   std::fclose(f);
   if (unreadable)
     return Show_Text(ds, "Model File Error", MK_WARNING, "Cannot read the model file %s", path);
+  // Values the forward model would bound are refused here, not changed.
+  std::vector<double> values = {model.background};
+  for (const Synthetic_Box &b : model.boxes)
+    values.push_back(b.res);
+  for (double r : values)
+    if (background && !bad && (r < forward_res_floor || r > forward_res_ceiling))
+      return Show_Text(ds, "Model File Error", MK_WARNING,
+                       "The resistivity %g ohm-m in the model file %s is outside the range the "
+                       "forward model takes (%g to %g ohm-m).",
+                       r, path, forward_res_floor, forward_res_ceiling);
   if (bad)
     return Show_Text(
         ds, "Model File Error", MK_WARNING,

@@ -207,6 +207,18 @@ TEST(Check_Mesh_Model_File, LayerLinesAcceptedAndRefused) {
     EXPECT_NE(msg->text.find("\"layer Z1 Z2 RES [IP]\""), std::string::npos) << msg->text;
     s.rec.Clear();
   }
+  // Resistivities the forward model would bound are refused, not bounded.
+  for (const char *far : {"background 1e7\n", "background 10\nlayer 0 3 0.00001\n",
+                          "background 10\nbox 0 1 0 1 0 1 2e6\n"}) {
+    SCOPED_TRACE(far);
+    EXPECT_EQ(Read_Model(s, far, m), 1);
+    const Recorded_Message *msg = s.rec.Last("Model File Error");
+    ASSERT_NE(msg, nullptr);
+    EXPECT_NE(msg->text.find("outside the range the forward model takes"), std::string::npos)
+        << msg->text;
+    s.rec.Clear();
+  }
+  EXPECT_EQ(Read_Model(s, "background 900000\nlayer 0 3 0.00011\n", m), 0);
   // A folder given for the model file opens but cannot be read.
   const std::string folder = s.tmp.sub("models");
   std::filesystem::create_directory(folder);
