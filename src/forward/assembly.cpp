@@ -42,7 +42,7 @@ int Element_Matrix(const Element &el, const double p[8][3], int hex_element,
     Pyramid_Element_Matrix(p, k);
     return pyr_values;
   }
-  if (hex_element != HEX_AVERAGED_TETS) {
+  if (hex_element != HEX_AVERAGED_TETS || el.cut_faces) {
     Hex_Q1_Element_Matrix(p, k, hex_element == HEX_TRILINEAR_HARMONIC,
                           static_cast<unsigned>(el.cut_faces));
     return hexq_values;
@@ -108,7 +108,8 @@ int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string
       return 1;
     for (int64_t e = 0; e < ne; e++)
       fem.cp_offset[e + 1] =
-          fem.cp_offset[e] + Element_Value_Count(ss.elements[e].nnodes, fem.hex_element);
+          fem.cp_offset[e] + Element_Value_Count(ss.elements[e].nnodes, fem.hex_element,
+                                                 ss.elements[e].cut_faces != 0);
     if (fem.cp18.Resize(ds, fem.cp_offset[ne], "element store"))
       return 1;
   }

@@ -29,11 +29,16 @@ extern const int pyr_pairs[pyr_values][2];
 enum Hex_Element_Form { HEX_AVERAGED_TETS = 0, HEX_TRILINEAR = 1, HEX_TRILINEAR_HARMONIC = 2 };
 
 // Number of stored values of an element of `nnodes` nodes (4 tetrahedron, 5
-// pyramid, 8 hexahedron in the form `hex_element`).
-inline int Element_Value_Count(int nnodes, int hex_element) {
-  return nnodes == 4   ? tet_values
-         : nnodes == 5 ? pyr_values
-                       : (hex_element == HEX_AVERAGED_TETS ? hex_values : hexq_values);
+// pyramid, 8 hexahedron in the form `hex_element`). A hexahedron with faces
+// cut by tetrahedra is trilinear in every form: for a linear potential the
+// averaged form weighs each face corner by a quarter of the face, as the
+// bilinear face does, so the cut trilinear element joins averaged
+// neighbours and tetrahedra alike.
+inline int Element_Value_Count(int nnodes, int hex_element, bool cut_faces = false) {
+  return nnodes == 4 ? tet_values
+         : nnodes == 5
+             ? pyr_values
+             : (hex_element == HEX_AVERAGED_TETS && !cut_faces ? hex_values : hexq_values);
 }
 
 // The pairs table of an element's stored values, found from their count
