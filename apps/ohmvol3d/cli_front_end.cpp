@@ -1,5 +1,7 @@
 #include "cli_front_end.h"
 
+#include <csignal>
+
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -33,10 +35,19 @@ void Cli_Panel_Line(void *user, const char *text, int indent) {
   std::fflush(stdout);
 }
 
+volatile std::sig_atomic_t stop_signal = 0;
+
+extern "C" void On_Stop_Signal(int sig) {
+  stop_signal = sig;
+  std::signal(sig, SIG_DFL);
+}
+
 int Cli_Progress(void *user, const char *text, double fraction) {
   Cli_Front_State &s = State(user);
+  if (stop_signal && s.stop)
+    *s.stop = 1;
   if (s.quiet)
-    return 0;
+    return stop_signal ? 1 : 0;
   const int percent = static_cast<int>(fraction * 100.0 + 0.5);
   if (s.terminal) {
     const int width = 30;
@@ -80,4 +91,13 @@ Front_End Make_Cli_Front_End(Cli_Front_State &state) {
   fe.progress = Cli_Progress;
   fe.beep = Cli_Beep;
   return fe;
+}
+
+void Catch_Stop_Signals() {
+  std::signal(SIGINT, On_Stop_Signal);
+  std::signal(SIGTERM, On_Stop_Signal);
+}
+
+int Stop_Signal() {
+  return static_cast<int>(stop_signal);
 }

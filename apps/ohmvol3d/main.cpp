@@ -273,6 +273,8 @@ int main(int argc, char **argv) {
   Install_Image_Front_End(fe, image);
   static Data_Set ds(start, fe);
   ds.batch_mode = 1;
+  state.stop = &ds.exit_next;
+  Catch_Stop_Signals();
   // The program's tables come first: without them nothing can run (the
   // allocation has shown what it lacked).
   if (ds.Create()) {
@@ -316,5 +318,10 @@ int main(int argc, char **argv) {
     result = Run_Plot(ds, opt);
   Cli_Close_Bar(state);
   ds.Exit();
+  if (const int sig = Stop_Signal()) {
+    std::fprintf(stderr, "Stopped by signal %d%s\n", sig,
+                 sub == "invert" ? ": the results file holds the iterations finished" : "");
+    return 128 + sig;
+  }
   return result;
 }

@@ -317,7 +317,8 @@ int Invert_Data_Set(Data_Set &ds) {
   if (ls.save_results && !ierr && Print_Summary(ds, "End of inversion results"))
     ierr = 1;
   if (!ierr)
-    show_message(ds, "Inversion completed", "Message", MK_INFORMATION);
+    show_message(ds, ds.exit_next ? "Inversion stopped on request" : "Inversion completed",
+                 "Message", MK_INFORMATION);
   Finish_Run(ds);
   return ierr;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -372,6 +373,29 @@ TEST_F(Cli, AddressSpaceLimitEndsWithAMessage) {
   ASSERT_TRUE(WIFEXITED(raw));
   EXPECT_EQ(WEXITSTATUS(raw), 1);
   EXPECT_NE(Slurp(dir + "/err.txt").find("Memory allocation error"), std::string::npos);
+}
+
+// SIGINT during an inversion: the run stops after its current iteration,
+// keeps the iterations finished in the results file, leaves no temporary
+// files and exits 130.
+TEST_F(Cli, InterruptedInversionKeepsItsIterations) {
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat", dir + "/g.dat");
+  std::filesystem::create_directories(dir + "/buf");
+  // The program itself in the background (not a subshell), so that $! is its own.
+  const std::string env = "XDG_CONFIG_HOME='" + dir + "/cfg' XDG_CACHE_HOME='" + dir + "/cache' ";
+  const std::string cmd =
+      "cd '" + dir + "' || exit 9; " + env + "'" OHMVOL3D_CLI "' invert " +
+      "g.dat -o g.inv --set nit=10 --buffer buf >out.txt 2>err.txt </dev/null " +
+      "& sleep 2; kill -INT \\$!; wait \\$!";
+  const int raw = std::system(("/bin/bash -c \"" + cmd + "\"").c_str());
+  ASSERT_TRUE(WIFEXITED(raw));
+  EXPECT_EQ(WEXITSTATUS(raw), 130) << Slurp(dir + "/err.txt");
+  EXPECT_NE(Slurp(dir + "/err.txt").find("Stopped by signal 2"), std::string::npos);
+  std::vector<std::string> left;
+  for (const auto &e : std::filesystem::directory_iterator(dir + "/buf"))
+    if (e.path().filename() != "ohmvol3d.lock")
+      left.push_back(e.path().filename().string());
+  EXPECT_TRUE(left.empty()) << left.front();
 }
 
 TEST_F(Cli, SetIsClampedAndIvpOptionApplies) {
