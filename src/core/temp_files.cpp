@@ -152,7 +152,9 @@ int Start_Buffer_Folder(Data_Set &ds, const std::string &folder) {
     need = "128GB";
   else if (sc.buffer_named && sc.disk_free_byte < 274877906944LL)
     need = "256GB";
-  if (need) {
+  // On the command line the check before each run says what that run needs;
+  // this general warning is for the desktop program's start.
+  if (need && !ds.batch_mode) {
     print_to_buffer(ds.mesg, sizeof ds.mesg,
                     "Free disk space at %s is %8.2f\nYou need at least %s free disk space",
                     sc.buffer_folder.c_str(), sc.disk_free_byte * gb_factor, need);
