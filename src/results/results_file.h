@@ -16,6 +16,9 @@ int printmodelh(Data_Set &ds, const char *path, int iteration, double misfit);
 // The message of a results file that could not be written (disk full, ...),
 // with the system's reason for `error` (an errno value); returns 1.
 int Results_Not_Written(Data_Set &ds, const char *path, int error);
+// Closes a results file written to, and reports a write or close that
+// failed (with Results_Not_Written); 0 when all went out.
+int Close_Results_File(Data_Set &ds, FILE *f, const char *path);
 // A results file read back holds iteration `iteration` (0: the last) and,
 // with `ip`, an IP model; otherwise the message and 1.
 int Check_Results_Choice(Data_Set &ds, int iteration, bool ip);

@@ -2,7 +2,6 @@
 // reference model, the settings of the run, the error distribution of the
 // last model, the iteration tables, the mesh, the timing and the sizes.
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 
@@ -315,12 +314,6 @@ int Print_Summary(Data_Set &ds, const char *closing) {
   Write_Sizes(ds, f);
   int ierr = Write_IP_Averages(ds, f);
   std::fprintf(f, "\n%s\n", closing ? closing : "");
-  const bool bad = std::ferror(f) != 0;
-  const int write_errno = errno;
-  const bool closed = std::fclose(f) == 0;
-  TRACE("Print_Summary %s iterations %d ierr %d bad %d\n", path, ds.LS.nitcountres, ierr,
-        bad || !closed);
-  if (bad || !closed)
-    return Results_Not_Written(ds, path, closed ? write_errno : errno);
-  return ierr;
+  TRACE("Print_Summary %s iterations %d ierr %d\n", path, ds.LS.nitcountres, ierr);
+  return Close_Results_File(ds, f, path) ? 1 : ierr;
 }

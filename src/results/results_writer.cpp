@@ -404,14 +404,8 @@ int printmodelh(Data_Set &ds, const char *path, int iteration, double misfit) {
   } else {
     Write_Model_Section(ds, f, iteration, misfit);
   }
-  const bool bad = std::ferror(f) != 0;
-  const int write_errno = errno;
-  const bool closed = std::fclose(f) == 0;
-  TRACE("printmodelh %s iteration %d misfit %.5f bad %d\n", path, iteration, misfit,
-        bad || !closed);
-  if (bad || !closed)
-    return Results_Not_Written(ds, path, closed ? write_errno : errno);
-  return 0;
+  TRACE("printmodelh %s iteration %d misfit %.5f\n", path, iteration, misfit);
+  return Close_Results_File(ds, f, path);
 }
 
 int Results_Not_Written(Data_Set &ds, const char *path, int error) {
@@ -419,6 +413,15 @@ int Results_Not_Written(Data_Set &ds, const char *path, int error) {
                        "The results file %s could not be written (%s).\nThe run stops; the file "
                        "holds only what was written before.",
                        path, error ? std::strerror(error) : "write error");
+}
+
+int Close_Results_File(Data_Set &ds, FILE *f, const char *path) {
+  const bool bad = std::ferror(f) != 0;
+  const int write_errno = errno;
+  const bool closed = std::fclose(f) == 0;
+  if (bad || !closed)
+    return Results_Not_Written(ds, path, closed ? write_errno : errno);
+  return 0;
 }
 
 int Save_Model(Data_Set &ds) {
