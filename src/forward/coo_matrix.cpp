@@ -187,34 +187,3 @@ int64_t CooMatrix64::Set_Adjacency_From_CSR(int64_t capacity, int *xadj, int *ad
     }
   return longest;
 }
-
-void CooMatrix64::Set_nrhs(int64_t nelec_use, double ssd_cache, int threads) {
-  const int64_t t = std::max(threads, 1);
-  int64_t r =
-      n > 0 ? std::llround(ssd_cache * 256.0 * 1024.0 * 1024.0 / static_cast<double>(n)) : 8;
-  if (r < 8) {
-    r = 8;
-  } else {
-    if (r > 256)
-      r = 256;
-    if (r > 192 && n > 1000000)
-      r = 192;
-    if (r > 128 && n > 2500000)
-      r = 128;
-    if (r > 96 && n > 3700000)
-      r = 96;
-    if (r > 64 && n > 5000000)
-      r = 64;
-  }
-  if (cmplx)
-    r /= 2;
-  if (r < t)
-    r = t;
-  if (nelec_use > t)
-    r = std::min(r, (nelec_use + 1) / 2);
-  else
-    r = t; // a few sources: one batch as wide as the threads
-  if (r > t)
-    r = r / t * t;
-  nrhs = r;
-}

@@ -35,12 +35,6 @@ public:
   Block_Array<int64_t> perm; // 1 to n
   int64_t max_adj = 0;       // largest row length times 2
 
-  // Solver fields.
-  int64_t nrhs = 8;
-  int64_t mesh_matrix_size = 0; // the factorisation's memory, in 4-byte words
-  int64_t factor_entries = 0;   // entries of the factors
-  double factor_flops = 0.0;
-
   // Allocates the store for `neq` equations; 1 on failure (message shown).
   int Allocate_COO(Data_Set &ds, int64_t neq, int complex_values);
   void Free_COO();
@@ -86,7 +80,4 @@ public:
   // most `capacity` neighbours: xadj (n + 1) and adjncy. Returns the largest
   // row length, or -1 when a row passes `capacity`.
   int64_t Set_Adjacency_From_CSR(int64_t capacity, int *xadj, int *adjncy) const;
-  // Right-hand sides solved together for `nelec_use` sources with
-  // `ssd_cache` GB of single-precision values and `threads` threads.
-  void Set_nrhs(int64_t nelec_use, double ssd_cache, int threads);
 };

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "core/memory.h"
-#include "forward/blkfct.h"
 #include "forward/coo_matrix.h"
+#include "forward/sparse_solver.h"
 
 constexpr int max_elec_nodes = 16;
 
@@ -35,16 +35,16 @@ class Fem_State {
 public:
   CooMatrix64 coomatrix64;
   Matrix_Ordering ordering;
-  Blkfct blkfct;          // the block solver's structure (during its solve)
-  int num_single_omp = 0; // block solver: columns each thread solves at once
+  // The solver of the last solve: its name, factor, timings and refinement.
+  Solver_Report report;
+  int solver_kind = -1; // a Solver_Kind forced (benchmarks, checks); -1 the run's choice
 
-  int jacob = 0;                // store the element matrices and the whole fields
-  int double_precision = 0;     // factorise in double precision (checks and benchmarks)
-  int refine_steps_max = 3;     // mixed-precision refinement steps
-  double refine_tol = 1e-4;     // relative residual above which a batch is refined
-  double blk_refine_tol = 2e-6; // the block solver refines its single factor to this
-  int refine_steps_done = 0;    // steps taken in the last solve
-  double residual_last = 0.0;
+  int jacob = 0;            // store the element matrices and the whole fields
+  int double_precision = 0; // factorise in double precision (checks and benchmarks)
+  int refine_steps_max = 3; // mixed-precision refinement steps
+  // Relative residual (in double, against the assembled matrix) above which
+  // a column solved with a single-precision factor is refined.
+  double refine_tol = 1e-4;
 
   // Hexahedron form (Hex_Element_Form): 0 mean of two five-tetrahedron
   // decompositions, 1 trilinear, 2 trilinear with the harmonic rule (the
@@ -84,5 +84,5 @@ public:
   int norm_ready = 0;
 
   // Timing of the last forward model.
-  double t_assembly = 0.0, t_analysis = 0.0, t_factor = 0.0, t_solve = 0.0, t_total = 0.0;
+  double t_assembly = 0.0, t_total = 0.0; // the solver's own in `report`
 };

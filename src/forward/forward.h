@@ -28,17 +28,11 @@ int Set_Up_Cap_Matrix_Blk(Data_Set &ds, int jacob, const std::string &store_path
 int Element_Model_Blocks(const Data_Set &ds, std::vector<int> &block);
 int Calculate_FEM_Cap_Matrix_Fix_OMP(Data_Set &ds, int &jacob, const std::string &store_path);
 
-// --- Library solve ----------------------------------------------------------------
-// Analysis, factorisation and batched solves with MUMPS (single precision,
-// refined in double), saving the potentials of every batch.
-int Use_MUMPS_Solver(Data_Set &ds);
-// The generic block solver (its own supernodal Cholesky).
-int Use_BLKFCT_Solver(Data_Set &ds);
-// Whether the cached fill-reducing ordering fits the present matrix pattern,
-// and keeping a new one (iperm from 1) for it.
-bool Ordering_Current(Data_Set &ds);
-int Keep_Ordering(Data_Set &ds, const int *iperm);
-// The block solver serves only a single mesh of 255 or more electrodes.
+// --- Solvers --------------------------------------------------------------------
+// The sources are solved by Solve_Sources (forward/sparse_solver.h) over
+// MUMPS, the generic block solver or CHOLMOD.
+// The block solver serves only a single mesh of 255 or more electrodes:
+// cpu_type_solver is set back to 0 otherwise.
 void Check_Generic_Solver_Settings(Data_Set &ds);
 
 // --- Electrodes --------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include "core/temp_files.h"
 #include "core/trace.h"
 #include "forward/forward.h"
+#include "forward/sparse_solver.h"
 #include "mesh/mesh.h"
 #include "survey/survey_text.h"
 
@@ -146,7 +147,7 @@ int Forward_Model_FEM_MUMPS_ll_ss(Data_Set &ds) {
       m.Get_CSR(ds, ds.file_names.temp[TF_TEMPFILE]))
     return 1;
   fem.t_assembly = Seconds_Since(t0);
-  return ds.Data_lim_sys.cpu_type_solver > 0 ? Use_BLKFCT_Solver(ds) : Use_MUMPS_Solver(ds);
+  return Solve_Sources(ds);
 }
 
 int Call_Forward_Model_Calculation(Data_Set &ds) {

@@ -30,8 +30,8 @@ int Forward_Model_Inversion(Data_Set &ds, int jacob) {
   const auto t0 = Clock::now();
   int ierr = Forward_Model_LS(ds, ls.rt.data(), nullptr, jacob);
   ls.time_forward += Seconds_Since(t0);
-  ls.time_fac += ds.Fem.t_factor;
-  ls.time_solve += ds.Fem.t_solve;
+  ls.time_fac += ds.Fem.report.t_factor;
+  ls.time_solve += ds.Fem.report.t_solve;
   if (ierr)
     return ierr;
   std::copy(ds.Fem.rm.data(), ds.Fem.rm.data() + ds.mdata, ls.rm.begin());

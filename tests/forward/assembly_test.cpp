@@ -23,6 +23,7 @@
 #include "forward/element_matrices.h"
 #include "forward/fem_state.h"
 #include "forward/forward.h"
+#include "forward/sparse_solver.h"
 #include "mesh/mesh.h"
 
 using namespace test_support;
@@ -542,12 +543,8 @@ TEST(AssemblyCooMatrix, CompressedRowsThroughFileAndAdjacency) {
 // --- Batches of right-hand sides --------------------------------------------------------
 
 TEST(AssemblySolverBatches, RightHandSidesPerBatch) {
-  CooMatrix64 m;
-  auto nrhs = [&](int64_t n, int cmplx, int64_t nelec, double cache, int threads) {
-    m.n = n;
-    m.cmplx = cmplx;
-    m.Set_nrhs(nelec, cache, threads);
-    return m.nrhs;
+  auto nrhs = [](int64_t n, int cmplx, int64_t nelec, double cache, int threads) {
+    return Library_Batch(n, cmplx != 0, nelec, cache, threads);
   };
   // 1 GB of single-precision values over 3000000 equations: 89 columns,
   // then a multiple of the threads at or below it.
@@ -579,10 +576,7 @@ TEST(AssemblySolverBatches, RightHandSidesPerBatch) {
 TEST(AssemblySolverBatches, FewSourcesTakeOneBatchOfThreadWidth) {
   // Two electrodes on four threads: one batch as wide as the threads, not a
   // block of right-hand sides sized for the cache.
-  CooMatrix64 m;
-  m.n = 1000;
-  m.Set_nrhs(2, 2.0, 4);
-  EXPECT_EQ(m.nrhs, 4);
+  EXPECT_EQ(Library_Batch(1000, false, 2, 2.0, 4), 4);
 }
 
 // --- Electrode potential table -----------------------------------------------------------

@@ -19,6 +19,7 @@
 #include "core/test_support.h"
 #include "forward/blkfct.h"
 #include "forward/forward.h"
+#include "forward/sparse_solver.h"
 #include "forward_test_support.h"
 
 using namespace test_support;
@@ -304,9 +305,16 @@ struct Survey : Example_Survey {
           g.blocks[m].xc * d.spxx > 5.0 && g.blocks[m].xc * d.spxx < 12.0)
         res[m] = 10.0f;
     d.Data_lim_sys.cpu_type_solver = solver;
+    d.Fem.solver_kind = solver > 0 ? solver_block : solver_mumps;
+    // Single-factor columns refined to a residual of 2e-6, where the
+    // potentials agree with a double-precision solve to 1e-5 (the default
+    // tolerance, 1e-4, leaves them about 1e-4 apart).
+    d.Fem.refine_tol = 2e-6;
     d.Fem.double_precision = double_precision;
     const int ierr = Forward_Model_LS(d, res.data(), nullptr, 0);
     d.Data_lim_sys.cpu_type_solver = 0;
+    d.Fem.solver_kind = -1;
+    d.Fem.refine_tol = Fem_State().refine_tol;
     d.Fem.double_precision = 0;
     if (ierr)
       return false;
@@ -345,7 +353,7 @@ TEST(Block_Solver, ForwardPotentialsAgreeWithDoubleLibrarySolve) {
     EXPECT_LT(app, 1e-4);
     std::printf("block solver: potentials against double %.3g, apparent resistivity against "
                 "MUMPS %.3g, refinement steps %d\n",
-                pot, app, s.ds->Fem.refine_steps_done);
+                pot, app, s.ds->Fem.report.refine_steps);
   }
 }
 
@@ -361,7 +369,7 @@ TEST(Block_Solver, EveryBlockWidthCoversEverySource) {
     s.ds->simultaneous_solves = code;
     std::vector<double> table, rm;
     ASSERT_TRUE(s.Forward(3, 0, table, rm));
-    EXPECT_EQ(s.ds->Fem.num_single_omp, 4 << code);
+    EXPECT_EQ(s.ds->Fem.report.block_width, 4 << code);
     ASSERT_EQ(table.size(), ref_table.size());
     int unset = 0;
     for (double v : table)
@@ -389,9 +397,16 @@ TEST(Block_Solver, ComplexForwardWithNarrowBlocks) {
       ip[m] = 0.04f;
   auto run = [&](int solver, int dbl, std::vector<std::complex<double>> &table) {
     d.Data_lim_sys.cpu_type_solver = solver;
+    d.Fem.solver_kind = solver > 0 ? solver_block : solver_mumps;
+    // Single-factor columns refined to a residual of 2e-6, where the
+    // potentials agree with a double-precision solve to 1e-5 (the default
+    // tolerance, 1e-4, leaves them about 1e-4 apart).
+    d.Fem.refine_tol = 2e-6;
     d.Fem.double_precision = dbl;
     const int ierr = Forward_Model_LS(d, res.data(), ip.data(), 0);
     d.Data_lim_sys.cpu_type_solver = 0;
+    d.Fem.solver_kind = -1;
+    d.Fem.refine_tol = Fem_State().refine_tol;
     d.Fem.double_precision = 0;
     if (ierr || !d.Fem.coomatrix64.cmplx)
       return false;
@@ -401,7 +416,7 @@ TEST(Block_Solver, ComplexForwardWithNarrowBlocks) {
   std::vector<std::complex<double>> ref, blk;
   ASSERT_TRUE(run(0, 1, ref));
   ASSERT_TRUE(run(3, 0, blk));
-  EXPECT_EQ(d.Fem.num_single_omp, 4);
+  EXPECT_EQ(d.Fem.report.block_width, 4);
   ASSERT_EQ(ref.size(), blk.size());
   ASSERT_FALSE(ref.empty());
   double magnitude = 0.0, phase = 0.0, largest_phase = 0.0;

@@ -287,20 +287,20 @@ TEST(Forward_Accuracy, SinglePrecisionAgreesWithDouble) {
   // asked for a residual it cannot reach alone, the solve refines every batch
   // in double and comes closer to the double-precision solution.
   ASSERT_EQ(ref.s.Forward(ref.res).size(), rm.size());
-  const double unrefined_residual = ds.Fem.residual_last;
-  EXPECT_EQ(ds.Fem.refine_steps_done, 0);
+  const double unrefined_residual = ds.Fem.report.residual;
+  EXPECT_EQ(ds.Fem.report.refine_steps, 0);
   EXPECT_GT(unrefined_residual, 0.0);
   EXPECT_LT(unrefined_residual, ds.Fem.refine_tol);
   ds.Fem.refine_tol = 1e-12;
   const std::vector<double> refined = ref.s.Forward(ref.res);
   ds.Fem.refine_tol = Fem_State().refine_tol;
   ASSERT_EQ(refined.size(), rm.size());
-  EXPECT_EQ(ds.Fem.refine_steps_done, ds.Fem.refine_steps_max);
-  EXPECT_LT(ds.Fem.residual_last, 0.5 * unrefined_residual); // down to the float storage of x
+  EXPECT_EQ(ds.Fem.report.refine_steps, ds.Fem.refine_steps_max);
+  EXPECT_LT(ds.Fem.report.residual, 0.5 * unrefined_residual); // down to the float storage of x
   const double worst_refined = Largest_Relative_Difference(refined, rm);
   EXPECT_LE(worst_refined, 0.5 * worst);
   std::printf("box model: residual %.3g unrefined, %.3g after %d steps; against double %.3g\n",
-              unrefined_residual, ds.Fem.residual_last, ds.Fem.refine_steps_done, worst_refined);
+              unrefined_residual, ds.Fem.report.residual, ds.Fem.report.refine_steps, worst_refined);
 }
 
 TEST(Forward_Accuracy, DipoleSourcesAgreeWithPointSources) {
