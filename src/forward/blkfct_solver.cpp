@@ -116,7 +116,7 @@ template <class T, class X> struct Block_Backend {
   const Solver_Setup &setup;
   const CooMatrix64 &m;
   Blkfct b;
-  std::vector<T> lnz;
+  std::unique_ptr<T[]> lnz; // filled by the copy: not zeroed twice
   int width = 4;
   std::vector<Column_Scratch<T>> scratch;
 
@@ -148,16 +148,17 @@ template <class T, class X> struct Block_Backend {
     return 0;
   }
   int Factorise(Solver_Report &r) {
-    if (!Try_Resize(lnz, std::max<int64_t>(b.panel_values, 1)))
+    lnz.reset(new (std::nothrow) T[std::max<int64_t>(b.panel_values, 1)]);
+    if (!lnz)
       return solver_no_memory;
-    const int64_t misplaced = Copy_Cap_Matrix_Blkfct(b, m, lnz.data());
+    const int64_t misplaced = Copy_Cap_Matrix_Blkfct(b, m, lnz.get());
     if (misplaced) {
       std::snprintf(r.error_text, sizeof r.error_text,
                     "%lld matrix entries found no place in the factor's structure",
                     static_cast<long long>(misplaced));
       return 1;
     }
-    const int64_t bad = Blkfct_Factor(b, lnz.data(), setup.threads);
+    const int64_t bad = Blkfct_Factor(b, lnz.get(), setup.threads);
     if (bad) {
       std::snprintf(r.error_text, sizeof r.error_text,
                     "the pivot of column %lld (supernode %d) is not positive",
@@ -179,7 +180,7 @@ template <class T, class X> struct Block_Backend {
       for (int c = 0; c < cols; c++)
         s.xp[i * cols + c] = static_cast<T>(src[c * n]);
     }
-    Blkfct_Solve(b, lnz.data(), s.xp.data(), cols, s.work.data(), s.active.data());
+    Blkfct_Solve(b, lnz.get(), s.xp.data(), cols, s.work.data(), s.active.data());
     for (int64_t i = 0; i < n; i++) {
       const T *row = s.xp.data() + static_cast<int64_t>(b.invp[i] - 1) * cols;
       for (int c = 0; c < cols; c++)
