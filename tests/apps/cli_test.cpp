@@ -408,6 +408,27 @@ TEST_F(Cli, InterruptedInversionKeepsItsIterations) {
   EXPECT_TRUE(left.empty()) << left.front();
 }
 
+// Two inversions at once on one machine (and one buffer folder), each with
+// two threads: both finish, with the model of a run alone.
+TEST_F(Cli, TwoInversionsAtOnceGiveTheModelOfOneAlone) {
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_dipole_dipole.dat",
+                             dir + "/g.dat");
+  const std::string inv = "invert g.dat --set nit=3 --threads 2 -o ";
+  ASSERT_EQ(Run(inv + "a.inv").status, 0);
+  const int raw =
+      Shell("", "", inv + "b.inv",
+            "& " + std::string("XDG_CONFIG_HOME=cfg XDG_CACHE_HOME=cache '") + OHMVOL3D_CLI "' " +
+                inv + "c.inv >out2.txt 2>&1; s=\\$?; wait \\$! && exit \\$s");
+  ASSERT_TRUE(WIFEXITED(raw));
+  EXPECT_EQ(WEXITSTATUS(raw), 0) << Slurp(dir + "/err.txt") << Slurp(dir + "/out2.txt");
+  for (const char *name : {"a", "b", "c"})
+    ASSERT_EQ(Run(std::string("export ") + name + ".inv --format xyz").status, 0) << name;
+  const std::string alone = Slurp(dir + "/a_model.xyz");
+  EXPECT_FALSE(alone.empty());
+  EXPECT_EQ(Slurp(dir + "/b_model.xyz"), alone);
+  EXPECT_EQ(Slurp(dir + "/c_model.xyz"), alone);
+}
+
 TEST_F(Cli, SetIsClampedAndIvpOptionApplies) {
   EXPECT_FALSE(Shown_Value("fmarq1").empty()) << "settings show lists fmarq1";
   const Run_Result r = Run("settings save c.ivp --set fmarq1=50");
