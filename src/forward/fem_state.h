@@ -84,5 +84,5 @@ public:
   int norm_ready = 0;
 
   // Timing of the last forward model.
-  double t_assembly = 0.0, t_total = 0.0; // the solver's own in `report`
+  double t_mesh = 0.0, t_assembly = 0.0, t_total = 0.0; // the solver's own in `report`
 };

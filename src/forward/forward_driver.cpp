@@ -20,7 +20,9 @@ namespace {
 // Assembly to stored potentials, then the calculated data and misfits.
 int Solve_And_Calculate(Data_Set &ds, bool cmplx) {
   Fem_State &fem = ds.Fem;
+  const auto t0 = Clock::now();
   int ierr = Start_SemiStructured(ds);
+  fem.t_mesh = Seconds_Since(t0);
   TRACE("After Start_Semistructured\n");
   if (!ierr) {
     progress(ds, cmplx ? "Selecting complex forward modeling method" : "Forward Modeling Real",

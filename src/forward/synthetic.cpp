@@ -447,10 +447,11 @@ void Report(Data_Set &ds, const Check_Earth &earth, const Mesh_Accuracy &acc) {
           acc.analytic[i], 100.0 * acc.err[i]);
   }
   Panel(ds,
-        "Forward model time %.2f s (assembly %.2f, analysis %.2f, factorisation %.2f, solves %.2f; "
-        "%s)",
-        ds.Fem.t_total, ds.Fem.t_assembly, ds.Fem.report.t_analysis, ds.Fem.report.t_factor,
-        ds.Fem.report.t_solve, ds.Fem.report.name);
+        "Forward model time %.2f s (mesh %.2f, assembly %.2f, ordering %.2f, analysis %.2f, "
+        "factorisation %.2f, solves %.2f; %s)",
+        ds.Fem.t_total, ds.Fem.t_mesh, ds.Fem.t_assembly, ds.Fem.report.t_ordering,
+        ds.Fem.report.t_analysis, ds.Fem.report.t_factor, ds.Fem.report.t_solve,
+        ds.Fem.report.name);
 }
 
 int Check_Mesh(Data_Set &ds, const Check_Earth &earth, const std::vector<float> &res,

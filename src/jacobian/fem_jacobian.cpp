@@ -45,6 +45,15 @@ struct Side {
   float sign[2] = {};
 };
 
+// Data go through the kernels in batches of `lanes` values a node: 16 real
+// data, or 8 complex data with their real and imaginary parts side by side.
+// Lane w of qdiff holds datum w's potential field and lane w of pdiff its
+// current field, interleaved by node (field[node x lanes + w]); vtemp holds
+// K_e q the same way by element-node entry. K_e is real, so every lane takes
+// the same products, and the cost of fetching an element is shared by the
+// whole batch.
+constexpr int lanes = 16;
+
 Side Current_Side(const Data_Set &ds, int i) {
   Side s;
   if (ds.use_dipoles_fem == 1) {
@@ -229,6 +238,44 @@ public:
     }
     return 0;
   }
+  // The fields of `count` sides at once, side j in the lanes from j x vw:
+  // one pass over the nodes where the fields are in memory.
+  int Combine_Lanes(const Side *sides, int count, float *out, int stride) {
+    if (!memp) {
+      for (int j = 0; j < count; j++)
+        if (const int e = Combine(sides[j], out + j * (cmplx_ ? 2 : 1), stride))
+          return e;
+      return 0;
+    }
+    const int vw = cmplx_ ? 2 : 1;
+    int64_t off[lanes][2] = {};
+    float sign[lanes][2] = {};
+    int terms[lanes] = {};
+    for (int j = 0; j < count; j++) {
+      terms[j] = sides[j].n;
+      for (int k = 0; k < sides[j].n; k++) {
+        const int src = sides[j].src[k];
+        if (src < 1 || src > ds_.Fem.nelec)
+          return 1;
+        off[j][k] = ds_.Fem.offset_field[src - 1];
+        sign[j][k] = sides[j].sign[k];
+      }
+    }
+    const int64_t n = n_;
+    const float *f[2] = {ptemp_[0].data(), cmplx_ ? ptemp_[1].data() : nullptr};
+#pragma omp parallel for schedule(static)
+    for (int64_t i = 0; i < n; i++) {
+      float *row = out + i * stride;
+      for (int j = 0; j < count; j++)
+        for (int p = 0; p < vw; p++) {
+          float v = 0.0f;
+          for (int k = 0; k < terms[j]; k++)
+            v += sign[j][k] * f[p][off[j][k] + i];
+          row[j * vw + p] = v;
+        }
+    }
+    return 0;
+  }
   int memp = 0;
 
 private:
@@ -240,22 +287,17 @@ private:
   std::vector<float> buf_;
 };
 
-// Data go through the kernels in batches of `lanes` values a node: 16 real
-// data, or 8 complex data with their real and imaginary parts side by side.
-// Lane w of qdiff holds datum w's potential field and lane w of pdiff its
-// current field, interleaved by node (field[node x lanes + w]); vtemp holds
-// K_e q the same way by element-node entry. K_e is real, so every lane takes
-// the same products, and the cost of fetching an element is shared by the
-// whole batch.
-constexpr int lanes = 16;
+// The kernels are built for AVX-512 and AVX2 besides the baseline, the
+// widest the processor runs chosen at the first call; each call takes a
+// chunk of cells.
+#define OHMVOL3D_WIDE_KERNEL __attribute__((target_clones("avx512f", "avx2", "default")))
+constexpr int cells_a_chunk = 64;
 
-// vtemp of a batch: K_e q at every entry of every cell.
-void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, float *vtemp) {
-  const SemiStructured &ss = ds.Semistructured;
-  const Fem_State &fem = ds.Fem;
-  const int nmodel = static_cast<int>(c.ksort.size()) - 1;
-#pragma omp parallel for schedule(dynamic, 64)
-  for (int b = 0; b < nmodel; b++) {
+// vtemp of cells [lo, hi): K_e q at every entry of every cell.
+OHMVOL3D_WIDE_KERNEL
+void Vtemp_Cells(const SemiStructured &ss, const Fem_State &fem, const Cell_Layout &c,
+                 const float *qdiff, float *vtemp, int lo, int hi) {
+  for (int b = lo; b < hi; b++) {
     int k = c.ksort[b];
     for (int q = c.elem_start[b]; q < c.elem_start[b + 1]; q++) {
       const int64_t e = c.elems[q];
@@ -290,14 +332,22 @@ void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, fl
   }
 }
 
-// Rows of a batch of `nd` data into rows_r (rows_i): the kernel over every
-// cell, p^T K_e q summed over the cell's elements, times the cell's
-// conductivity and each datum's 1 / V.
-void Jacobian_Block_Kernel(const Cell_Layout &c, const float *pdiff, const float *vtemp, int nd,
-                           bool cmplx, const std::complex<float> *scale, float *rows_r,
-                           float *rows_i, int64_t nmodel) {
-#pragma omp parallel for schedule(dynamic, 256)
-  for (int64_t b = 0; b < nmodel; b++) {
+void Fill_Vtemp(const Data_Set &ds, const Cell_Layout &c, const float *qdiff, float *vtemp) {
+  const int nmodel = static_cast<int>(c.ksort.size()) - 1;
+#pragma omp parallel for schedule(dynamic, 1)
+  for (int lo = 0; lo < nmodel; lo += cells_a_chunk)
+    Vtemp_Cells(ds.Semistructured, ds.Fem, c, qdiff, vtemp, lo,
+                std::min(lo + cells_a_chunk, nmodel));
+}
+
+// Rows of cells [lo, hi) for a batch of `nd` data into rows_r (rows_i): p^T
+// K_e q summed over the cell's elements, times the cell's conductivity and
+// each datum's 1 / V.
+OHMVOL3D_WIDE_KERNEL
+void Kernel_Cells(const Cell_Layout &c, const float *pdiff, const float *vtemp, int nd, bool cmplx,
+                  const std::complex<float> *scale, float *rows_r, float *rows_i, int64_t nmodel,
+                  int64_t lo, int64_t hi) {
+  for (int64_t b = lo; b < hi; b++) {
     // Lane products v[w] p[w] and, for complex pairs, v[w] p[w ^ 1].
     float same[lanes] = {}, cross[lanes] = {};
     for (int k = c.ksort[b]; k < c.ksort[b + 1]; k++) {
@@ -321,6 +371,16 @@ void Jacobian_Block_Kernel(const Cell_Layout &c, const float *pdiff, const float
         rows_i[d * nmodel + b] = e.imag();
     }
   }
+}
+
+void Jacobian_Block_Kernel(const Cell_Layout &c, const float *pdiff, const float *vtemp, int nd,
+                           bool cmplx, const std::complex<float> *scale, float *rows_r,
+                           float *rows_i, int64_t nmodel) {
+  constexpr int64_t chunk = 4 * cells_a_chunk;
+#pragma omp parallel for schedule(dynamic, 1)
+  for (int64_t lo = 0; lo < nmodel; lo += chunk)
+    Kernel_Cells(c, pdiff, vtemp, nd, cmplx, scale, rows_r, rows_i, nmodel, lo,
+                 std::min(lo + chunk, nmodel));
 }
 
 } // namespace
@@ -460,23 +520,16 @@ int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds) {
                     "Calculating FEM partial derivatives %.2f%% %d n %d", 100.0 * d / m, d + 1, m);
     const auto tf = Clock::now();
     std::complex<float> scale[lanes];
-    int e = 0;
-    for (int k = 0; k < nd && !e; k++) {
-      const int lane = k * vw;
-      if (k > 0 && Share_Current(ds, d + k - 1)) {
-        float *p = pdiff.data();
-#pragma omp parallel for schedule(static)
-        for (int64_t i = 0; i < n; i++)
-          for (int q = 0; q < vw; q++)
-            p[i * lanes + lane + q] = p[i * lanes + lane - vw + q];
-      } else {
-        e = fields.Combine(Current_Side(ds, d + k), pdiff.data() + lane, lanes);
-      }
-      if (!e)
-        e = fields.Combine(Potential_Side(ds, d + k), qdiff.data() + lane, lanes);
+    Side cur[lanes], pot[lanes];
+    for (int k = 0; k < nd; k++) {
+      cur[k] = Current_Side(ds, d + k);
+      pot[k] = Potential_Side(ds, d + k);
       const std::complex<double> v(fem.rm_volt[d + k], cmplx ? fem.rm_volt_i[d + k] : 0.0f);
       scale[k] = std::abs(v) > 0.0 ? std::complex<float>(1.0 / v) : std::complex<float>(0.0f);
     }
+    int e = fields.Combine_Lanes(cur, nd, pdiff.data(), lanes);
+    if (!e)
+      e = fields.Combine_Lanes(pot, nd, qdiff.data(), lanes);
     if (e) {
       Show_Text(ds, "Error Message", MK_WARNING,
                 cmplx ? "FEM cmplx Jacobian error %d at data %d"
