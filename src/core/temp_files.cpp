@@ -400,3 +400,11 @@ void Remove_Exit_Temp_Files(const File_Names &names) {
   for (int which : gone)
     std::remove(names.temp[which].c_str());
 }
+
+void Remove_Run_Temp_Files(const File_Names &names) {
+  if (names.folder.empty())
+    return;
+  for (int t : {TF_POTENTIALS, TF_POTENTIALS_I, TF_GRROWT, TF_GRROWT_I, TF_JACOBFX, TF_V_FILE,
+                TF_V_FILE_I, TF_TEMPFILE, TF_GRADCOMP, TF_GRADCOMP_I})
+    std::remove(names.temp[t].c_str());
+}

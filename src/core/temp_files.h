@@ -158,3 +158,6 @@ int64_t Jacobian_Probe_Values(int ip_factor, int64_t mdata_series, int64_t nmode
 // Exit flow: empties "grrowt_res.bin", then deletes it and the six result
 // binary files.
 void Remove_Exit_Temp_Files(const File_Names &names);
+// The end of a run (an inversion, or a forward model on its own): deletes
+// the potentials, Jacobian, matrix and gradient files it made.
+void Remove_Run_Temp_Files(const File_Names &names);

@@ -13,6 +13,7 @@
 
 #include "core/data_set.h"
 #include "core/messages.h"
+#include "core/temp_files.h"
 #include "forward/forward.h"
 #include "forward/synthetic.h"
 #include "survey/survey.h"
@@ -123,8 +124,11 @@ int Forward_Synthetic_Data(Data_Set &ds, const Synthetic_Model &model, const cha
   const bool with_ip = model.has_ip && ds.Data_ip.typeip > 0;
   if (with_ip)
     ds.Data_ip.complex_forward_model = 1;
-  if (Forward_Model_Memory_Check(ds) ||
-      Forward_Model_LS(ds, res.data(), with_ip ? ip.data() : nullptr, 0))
+  if (Forward_Model_Memory_Check(ds))
+    return 1;
+  const int failed = Forward_Model_LS(ds, res.data(), with_ip ? ip.data() : nullptr, 0);
+  Remove_Run_Temp_Files(ds.file_names);
+  if (failed)
     return 1;
   std::mt19937_64 rng(seed);
   std::normal_distribution<double> gauss(0.0, 1.0);
@@ -476,6 +480,7 @@ int Check_Mesh(Data_Set &ds, const Check_Earth &earth, const std::vector<float> 
   if (!earth.layered)
     ds.Fem.normalise_potentials = 0;
   const int ierr = Forward_Model_LS(ds, res.data(), nullptr, 0);
+  Remove_Run_Temp_Files(ds.file_names);
   acc.normalised = ds.Fem.normalise_potentials && ds.Fem.norm_ready;
   ds.Fem.normalise_potentials = normalise;
   if (ierr)

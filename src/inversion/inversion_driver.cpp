@@ -222,10 +222,7 @@ void Finish_Run(Data_Set &ds) {
   ds.LS_method.fmarq1 = ls.fmarq1_saved;
   ds.LS_method.fmarqm = ls.fmarqm_saved;
   progress(ds, "Erasing tmeporary files", 1.0);
-  const File_Names &f = ds.file_names;
-  for (int t : {TF_POTENTIALS, TF_POTENTIALS_I, TF_GRROWT, TF_GRROWT_I, TF_JACOBFX, TF_V_FILE,
-                TF_V_FILE_I, TF_TEMPFILE, TF_GRADCOMP, TF_GRADCOMP_I})
-    std::remove(f.temp[t].c_str());
+  Remove_Run_Temp_Files(ds.file_names);
   ls.stop_inversion = 0;
   ds.exit_next = 0;
 }

@@ -66,6 +66,14 @@ protected:
                             " >out.txt 2>err.txt </dev/null " + tail;
     return std::system(("/bin/bash -c \"" + cmd + "\"").c_str());
   }
+  // What a run left in a buffer folder besides its lock.
+  static std::vector<std::string> Left_In(const std::string &folder) {
+    std::vector<std::string> left;
+    for (const auto &e : std::filesystem::directory_iterator(folder))
+      if (e.path().filename() != "ohmvol3d.lock")
+        left.push_back(e.path().filename().string());
+    return left;
+  }
   // The value column of one setting in 'settings show'.
   std::string Shown_Value(const std::string &key) {
     const Run_Result r = Run("settings show");
@@ -284,6 +292,9 @@ TEST_F(Cli, CheckMeshReportsErrorsByArrayType) {
   EXPECT_GT(row.median, 0.0);
   EXPECT_LT(row.largest, 2.0);
   EXPECT_NE(r.out.find("Largest errors:"), std::string::npos);
+  // The forward model's temporary files go with the command.
+  const std::vector<std::string> left = Left_In(Buffer());
+  EXPECT_TRUE(left.empty()) << left.front();
 }
 
 // With --model the check compares a two-layer earth; a model that is not
@@ -401,10 +412,7 @@ TEST_F(Cli, InterruptedInversionKeepsItsIterations) {
   ASSERT_TRUE(WIFEXITED(raw));
   EXPECT_EQ(WEXITSTATUS(raw), 130) << Slurp(dir + "/err.txt");
   EXPECT_NE(Slurp(dir + "/err.txt").find("Stopped by signal 2"), std::string::npos);
-  std::vector<std::string> left;
-  for (const auto &e : std::filesystem::directory_iterator(dir + "/buf"))
-    if (e.path().filename() != "ohmvol3d.lock")
-      left.push_back(e.path().filename().string());
+  const std::vector<std::string> left = Left_In(dir + "/buf");
   EXPECT_TRUE(left.empty()) << left.front();
 }
 
