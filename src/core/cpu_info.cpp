@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <sys/resource.h>
 #include <unistd.h>
 
 extern "C" char *openblas_get_corename(void);
@@ -124,6 +125,12 @@ const char *Blas_Core_For(const Cpu_Info &cpu) {
   }
 }
 
+bool Address_Space_Tight() {
+  rlimit r{};
+  return getrlimit(RLIMIT_AS, &r) == 0 && r.rlim_cur != RLIM_INFINITY &&
+         r.rlim_cur < tight_address_space;
+}
+
 void Select_Blas_Kernel(char **argv) {
   // Each variable is set only where the user has not (and a re-executed
   // program finds both set, so it runs on).
@@ -143,6 +150,13 @@ void Select_Blas_Kernel(char **argv) {
   if (!std::getenv("OPENBLAS_THREAD_TIMEOUT")) {
     setenv("OPENBLAS_THREAD_TIMEOUT", blas_thread_timeout, 1);
     setenv(wait_marker, "1", 1);
+    again = true;
+  }
+  // OpenBLAS's worker threads retry a failed buffer allocation for ever, so
+  // under a tight address-space limit the library keeps to the calling
+  // thread, and the run ends with the program's own allocation message.
+  if (Address_Space_Tight() && !std::getenv("OPENBLAS_NUM_THREADS")) {
+    setenv("OPENBLAS_NUM_THREADS", "1", 1);
     again = true;
   }
   if (!again)

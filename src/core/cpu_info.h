@@ -28,6 +28,10 @@ const char *Blas_Core_For(const Cpu_Info &cpu);
 // re-executes the program once so that the libraries start with them. Call
 // it first thing in main(). Returns only when no re-execution happened.
 void Select_Blas_Kernel(char **argv);
+// An address-space limit (ulimit -v) below 1 GiB: the BLAS library then runs
+// on the calling thread alone (set before its threads start).
+constexpr unsigned long long tight_address_space = 1ull << 30;
+bool Address_Space_Tight();
 // How the OpenMP threads wait, and who chose it, for the configuration report.
 const char *Thread_Wait_Text();
 

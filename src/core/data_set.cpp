@@ -17,7 +17,8 @@ Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front)
   // MUMPS) and OpenBLAS.
   if (opt.nthreads > 0) {
     omp_set_num_threads(opt.nthreads);
-    openblas_set_num_threads(opt.nthreads);
+    if (!Address_Space_Tight())
+      openblas_set_num_threads(opt.nthreads);
   }
   System_config.Start(opt);
 }

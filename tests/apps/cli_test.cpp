@@ -398,6 +398,13 @@ TEST_F(Cli, AddressSpaceLimitEndsWithAMessage) {
   ASSERT_TRUE(WIFEXITED(raw));
   EXPECT_EQ(WEXITSTATUS(raw), 1);
   EXPECT_NE(Slurp(dir + "/err.txt").find("Memory allocation error"), std::string::npos);
+  // Tighter, with the libraries' own thread counts: the BLAS library's
+  // threads would retry their buffers for ever; the run still ends.
+  const int tight = Shell("ulimit -v 180000 &&", "timeout -s KILL 60 env",
+                          "mesh '" + std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat'");
+  ASSERT_TRUE(WIFEXITED(tight));
+  EXPECT_EQ(WEXITSTATUS(tight), 1) << "137: killed after a minute";
+  EXPECT_NE(Slurp(dir + "/err.txt").find("Memory allocation error"), std::string::npos);
 }
 
 // SIGINT during an inversion: the run stops after its current iteration,
