@@ -1,11 +1,14 @@
 #include "core/cpu_info.h"
+#include "core/memory.h"
 
+#include <cblas.h>
 #include <cpuid.h>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <sys/resource.h>
 #include <unistd.h>
+
+#include <vector>
 
 extern "C" char *openblas_get_corename(void);
 
@@ -126,9 +129,12 @@ const char *Blas_Core_For(const Cpu_Info &cpu) {
 }
 
 bool Address_Space_Tight() {
-  rlimit r{};
-  return getrlimit(RLIMIT_AS, &r) == 0 && r.rlim_cur != RLIM_INFINITY &&
-         r.rlim_cur < tight_address_space;
+  const int64_t limit = Address_Space_Limit();
+  if (limit < 0)
+    return false;
+  const long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
+  const double ram = pages > 0 && page > 0 ? static_cast<double>(pages) * page : 1073741824.0;
+  return static_cast<double>(limit) < ram;
 }
 
 void Select_Blas_Kernel(char **argv) {
@@ -153,8 +159,9 @@ void Select_Blas_Kernel(char **argv) {
     again = true;
   }
   // OpenBLAS's worker threads retry a failed buffer allocation for ever, so
-  // under a tight address-space limit the library keeps to the calling
-  // thread, and the run ends with the program's own allocation message.
+  // under an address-space limit below the machine's memory the library
+  // keeps to the calling thread: the run then fits or ends with the
+  // program's own allocation message.
   if (Address_Space_Tight() && !std::getenv("OPENBLAS_NUM_THREADS")) {
     setenv("OPENBLAS_NUM_THREADS", "1", 1);
     again = true;
@@ -189,4 +196,20 @@ const char *Blas_Kernel_Origin() {
   if (std::getenv("OPENBLAS_CORETYPE"))
     return "set by the user";
   return "detected by OpenBLAS";
+}
+
+void Reserve_Blas_Buffers() {
+  // Where the limit leaves no room for a buffer (128 MB on some kernels)
+  // the program's own tables fail first, before any product is asked for.
+  const int64_t limit = Address_Space_Limit();
+  if (limit >= 0 && limit - Address_Space_Used() < (int64_t{512} << 20))
+    return;
+  // Above OpenBLAS's small-matrix path, which takes no buffer.
+  constexpr int n = 192;
+  std::vector<double> a(n * n, 1.0), c(n * n, 0.0);
+  cblas_dgemm(CblasColMajor, CblasNoTrans, CblasNoTrans, n, n, n, 1.0, a.data(), n, a.data(), n,
+              0.0, c.data(), n);
+  std::vector<float> af(n * n, 1.0f), cf(n * n, 0.0f);
+  cblas_sgemm(CblasColMajor, CblasNoTrans, CblasNoTrans, n, n, n, 1.0f, af.data(), n, af.data(), n,
+              0.0f, cf.data(), n);
 }

@@ -28,10 +28,15 @@ const char *Blas_Core_For(const Cpu_Info &cpu);
 // re-executes the program once so that the libraries start with them. Call
 // it first thing in main(). Returns only when no re-execution happened.
 void Select_Blas_Kernel(char **argv);
-// An address-space limit (ulimit -v) below 1 GiB: the BLAS library then runs
-// on the calling thread alone (set before its threads start).
-constexpr unsigned long long tight_address_space = 1ull << 30;
+// An address-space limit (ulimit -v) below the machine's memory: the BLAS
+// library then runs on the calling thread alone (set before its threads
+// start), since its worker threads reserve large buffers and retry a
+// failed one for ever.
 bool Address_Space_Tight();
+// One product of each precision at start, so that OpenBLAS takes its work
+// buffers while memory is free (it keeps and reuses them; a buffer it
+// cannot get later it asks for again for ever).
+void Reserve_Blas_Buffers();
 // How the OpenMP threads wait, and who chose it, for the configuration report.
 const char *Thread_Wait_Text();
 

@@ -21,6 +21,7 @@ Data_Set::Data_Set(const Start_Options &opt, const Front_End &front) : fe(front)
       openblas_set_num_threads(opt.nthreads);
   }
   System_config.Start(opt);
+  Reserve_Blas_Buffers();
 }
 
 Data_Set::~Data_Set() {

@@ -95,6 +95,8 @@ int64_t Meminfo_Kb(const char *key) {
   return kb;
 }
 
+} // namespace
+
 // The process's address-space limit (ulimit -v), -1 without one.
 int64_t Address_Space_Limit() {
   rlimit r;
@@ -113,8 +115,6 @@ int64_t Address_Space_Used() {
   std::fclose(f);
   return got == 1 ? pages * Page() : 0;
 }
-
-} // namespace
 
 // Under an address-space limit the memory a run may count on is what the
 // limit leaves, whatever the machine holds: the limits and the memory checks

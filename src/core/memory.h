@@ -32,6 +32,10 @@ template <class T> void Free_Values(T *&p) {
 // Physical memory of the computer: total and available now, in bytes.
 int64_t Total_Memory_Bytes();
 int64_t Available_Memory_Bytes();
+// The process's address-space limit (ulimit -v) in bytes, -1 without one,
+// and the address space it holds now.
+int64_t Address_Space_Limit();
+int64_t Address_Space_Used();
 
 // An owned array in one block: Resize gives a fresh zero-filled block of
 // `count` values (the old one goes back), the destructor frees it.

@@ -192,7 +192,8 @@ template <class M> struct Mumps_Backend {
       return 0;
     std::snprintf(r.error_text, sizeof r.error_text, "MUMPS %s error %d (detail %d)", phase,
                   id.infog[0], id.infog[1]);
-    return id.infog[0];
+    // -13: the library's own allocation failed.
+    return id.infog[0] == -13 ? solver_no_memory : id.infog[0];
   }
 };
 
@@ -211,9 +212,7 @@ template <class M> int Create(const Solver_Setup &setup, Sparse_Solver &s) {
   s.solve = [](void *p, float *x, int cols, Solver_Report &r) {
     auto *self = static_cast<Mumps_Backend<M> *>(p);
     const int e = self->Solve(x, cols);
-    if (e && e != solver_no_memory)
-      self->Error(r, "solve");
-    return e;
+    return e && e != solver_no_memory ? self->Error(r, "solve") : e;
   };
   s.batch = [](void *p) {
     const Solver_Setup &u = static_cast<Mumps_Backend<M> *>(p)->setup;
