@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <unistd.h>
 
 #include <vector>
@@ -198,7 +199,9 @@ const char *Blas_Kernel_Origin() {
   return "detected by OpenBLAS";
 }
 
-void Reserve_Blas_Buffers() {
+namespace {
+
+void Take_Blas_Buffers() {
   // Where the limit leaves no room for a buffer (128 MB on some kernels)
   // the program's own tables fail first, before any product is asked for.
   const int64_t limit = Address_Space_Limit();
@@ -212,4 +215,12 @@ void Reserve_Blas_Buffers() {
   std::vector<float> af(n * n, 1.0f), cf(n * n, 0.0f);
   cblas_sgemm(CblasColMajor, CblasNoTrans, CblasNoTrans, n, n, n, 1.0f, af.data(), n, af.data(), n,
               0.0f, cf.data(), n);
+}
+
+} // namespace
+
+void Reserve_Blas_Buffers() {
+  // Once a process: the buffers stay with the library.
+  static std::once_flag once;
+  std::call_once(once, Take_Blas_Buffers);
 }
