@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,73 @@ inline std::string Make_Grid_Survey(const char *title, int n, int layers, bool b
                           a[2], j, a[3], j);
           points += line;
         }
+  std::snprintf(line, sizeof line, "%d\n", count);
+  f += line;
+  f += points;
+  f += "0\n0\n0\n0\n0\n";
+  return f;
+}
+
+// The data file's text of a square n x n electrode grid at `spacing`
+// metres, general array form, apparent resistivities: on every other grid
+// line along x and along y, dipole-dipole (a = 1, n = 1 to 6), pole-dipole
+// (n = 1 to 6, the remote current electrode off the file) and Wenner
+// (a = 1 up to a quarter of the line), with the electrodes listed. Every
+// value is `value`.
+inline std::string Make_Square_Survey(const char *title, int n, double spacing, double value) {
+  std::string f, points;
+  char line[256];
+  std::snprintf(line, sizeof line, "%s\n%d,%d\nNonuniform Grid\nX-location of grid lines\n", title,
+                n, n);
+  f += line;
+  for (int axis = 0; axis < 2; axis++) {
+    for (int i = 0; i < n; i++) {
+      std::snprintf(line, sizeof line, "%.2f ", i * spacing);
+      f += line;
+    }
+    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
+  }
+  std::snprintf(line, sizeof line,
+                "11\n0\nType of data (0=Apparent Resistivity,1=Resistance)\n0\n"
+                "Point Electrodes outside grid present\nNumber of point electrodes\n%d\n"
+                "Compressed format used for point electrodes coordinates\n",
+                n * n);
+  f += line;
+  for (int j = 0, e = 1; j < n; j++)
+    for (int i = 0; i < n; i++, e++) {
+      std::snprintf(line, sizeof line, "%d %.3f,%.3f,0.000\n", e, i * spacing, j * spacing);
+      f += line;
+    }
+  int count = 0;
+  // Electrode i of grid line j along x (along_y 0) or y (1), in metres.
+  auto at = [&](int along_y, int j, int i, char *out, size_t size) {
+    const double u = i * spacing, v = j * spacing;
+    std::snprintf(out, size, "%.3f %.3f", along_y ? v : u, along_y ? u : v);
+  };
+  auto add = [&](int along_y, int j, std::initializer_list<int> e) {
+    char xy[4][64], row[384];
+    int k = 0;
+    for (int i : e)
+      at(along_y, j, i, xy[k], sizeof xy[k]), k++;
+    if (k == 4)
+      std::snprintf(row, sizeof row, "4 %s %s %s %s %.3f\n", xy[0], xy[1], xy[2], xy[3], value);
+    else
+      std::snprintf(row, sizeof row, "3 %s %s %s %.3f\n", xy[0], xy[1], xy[2], value);
+    points += row;
+    count++;
+  };
+  for (int along_y = 0; along_y < 2; along_y++)
+    for (int j = 0; j < n; j += 2) {
+      for (int i = 0; i + 3 < n; i++)
+        for (int s = 1; s <= 6 && i + s + 2 < n; s++)
+          add(along_y, j, {i + 1, i, i + s + 1, i + s + 2});
+      for (int i = 0; i + 1 < n; i++)
+        for (int s = 1; s <= 6 && i + s + 1 < n; s++)
+          add(along_y, j, {i, i + s, i + s + 1});
+      for (int a = 1; 4 * a <= n; a++)
+        for (int i = 0; i + 3 * a < n; i++)
+          add(along_y, j, {i, i + 3 * a, i + a, i + 2 * a});
+    }
   std::snprintf(line, sizeof line, "%d\n", count);
   f += line;
   f += points;

@@ -12,8 +12,18 @@
 // The synthetic data are written once; each run reads them into a fresh data
 // set and inverts them. Times are the median of the runs.
 //
-//   ohmvol3d_bench_invert [--small] [--reps N]
+// With --scale: the cost's growth with the survey. Square grids of 9 x 9,
+// 18 x 18 and 27 x 27 electrodes at 2.5 m (dipole-dipole, pole-dipole and
+// Wenner lines along x and y on every other grid line, made by the bench)
+// over a 10 ohm-m box in 100 ohm-m, 3 iterations each; a table of the time
+// per iteration split into its parts, the peak memory of each case, and the
+// growth exponent of the time per iteration between the two larger grids.
+// --scale-grid N runs one such grid.
+//
+//   ohmvol3d_bench_invert [--small | --scale | --scale-grid N] [--reps N]
+//                         [--solver mumps|block] [--models DIR]
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +42,7 @@
 #include "core/cpu_info.h"
 #include "core/data_set.h"
 #include "core/front_end.h"
+#include "forward/sparse_solver.h"
 #include "forward/synthetic.h"
 #include "inversion/inversion.h"
 #include "jacobian/jacobian.h"
@@ -44,28 +55,54 @@ namespace {
 
 // STREAM triad rate of the machines this runs on, GB/s.
 constexpr double triad_gbs = 27.0;
-constexpr int iterations = 8;
 constexpr double noise_pct = 3.0;
 constexpr unsigned noise_seed = 7;
 constexpr int lowest_cells = 10;
+// The sparse solver forced with --solver (-1: the program's choice).
+int forced_solver = -1;
+// --models DIR: each case's last model and RMS are kept there, or compared
+// with those kept there by an earlier build.
+std::string models_dir;
 
 struct Bench_Case {
-  const char *name;
-  const char *file; // in the examples folder
+  std::string name;
+  std::string file; // in the examples folder, or the file the bench makes
   double box[6];    // x1 x2 y1 y2 depth1 depth2, metres
   double box_res, background;
+  int iterations = 8;
+  int square_grid = 0; // n of an n x n grid the bench makes (0: an example file)
 };
 
 const Bench_Case full_case = {"block under the 9 x 14 grid",
                               "grid_9x14.dat",
                               {7.5, 12.5, 13.75, 18.75, 1.5, 4.5},
                               10.0,
-                              100.0};
+                              100.0,
+                              8,
+                              0};
 const Bench_Case small_case = {"block under the 10 x 6 grid",
                                "grid_dipole_dipole.dat",
                                {6.0, 12.0, 3.0, 7.0, 0.7, 2.5},
                                10.0,
-                               100.0};
+                               100.0,
+                               8,
+                               0};
+
+constexpr double square_spacing = 2.5;
+
+// The n x n grid case: a box a quarter of the grid wide near its centre,
+// 1.5 to 4.5 m deep.
+Bench_Case Square_Case(int n) {
+  const double len = (n - 1) * square_spacing;
+  Bench_Case c{"block under the " + std::to_string(n) + " x " + std::to_string(n) + " grid",
+               "square_" + std::to_string(n) + ".dat",
+               {0.35 * len, 0.6 * len, 0.4 * len, 0.65 * len, 1.5, 4.5},
+               10.0,
+               100.0,
+               3,
+               n};
+  return c;
+}
 
 // Counts the work of one run from the progress lines the core sends: each
 // forward calculation ends with "End forward modeling" (the normalisation
@@ -102,32 +139,28 @@ int Count_Progress(void *user, const char *text, double) {
   return 0;
 }
 
-// The fields one Jacobian combines, from the data's hit types: a group (4
-// data for hit 4, 2 for hit 3, else 1) combines one current field per
-// current electrode of its first datum and, per datum, one potential field
-// per potential electrode.
+// The stored fields one Jacobian reads: each source's field once (the
+// element products are made once a source), against the field terms a
+// datum-by-datum method would combine (one per electrode of each side).
 struct Field_Count {
-  int groups = 0;
-  int hit_groups[5] = {};
-  int64_t current = 0, potential = 0;
-  int64_t Fields() const { return current + potential; }
+  int64_t sources = 0, terms = 0;
 };
 
 Field_Count Count_Fields(const Data_Set &ds) {
   Field_Count f;
-  std::vector<int> hit;
-  Jacobian_Hit_Types(ds, hit);
-  const int m = ds.mdata;
-  for (int d = 0; d < m;) {
-    const int h = hit[d];
-    const int g = std::min(h == 4 ? 4 : h == 3 ? 2 : 1, m - d);
-    f.groups++;
-    f.hit_groups[std::clamp(h, 0, 4)]++;
-    f.current += ds.dp[d].nelec == 4 ? 2 : 1;
-    for (int k = 0; k < g; k++)
-      f.potential += ds.dp[d + k].nelec == 2 ? 1 : 2;
-    d += g;
+  std::vector<char> used(std::max(ds.nelec_use, 0) + 1, 0);
+  for (int d = 0; d < ds.mdata; d++) {
+    const Data_Point &p = ds.dp[d];
+    const int e[4] = {p.nc1, p.np1, p.nelec > 2 ? p.np2 : -1, p.nelec > 3 ? p.nc2 : -1};
+    for (int k : e)
+      if (k >= 0) {
+        f.terms++;
+        if (k >= static_cast<int>(used.size()))
+          used.resize(k + 1, 0);
+        used[k] = 1;
+      }
   }
+  f.sources = std::count(used.begin(), used.end(), 1);
   return f;
 }
 
@@ -149,10 +182,13 @@ struct Run_Result {
   Work_Count work;
   Field_Count fields;
   std::vector<Cell> lowest;
+  std::vector<double> model; // the last model, ohm-m by cell
   int use_dipoles = 0;
   // Seconds.
-  double wall = 0.0, t_set = 0.0, t_forward = 0.0, t_fac = 0.0, t_solve_fem = 0.0, t_jac = 0.0,
-         t_jac1 = 0.0, t_jac2 = 0.0, t_jac3 = 0.0, t_jac4 = 0.0, t_normal = 0.0, t_chol = 0.0;
+  double peak_mb = 0.0;
+  double wall = 0.0, t_first_setup = 0.0, t_set = 0.0, t_forward = 0.0, t_fac = 0.0,
+         t_solve_fem = 0.0, t_jac = 0.0, t_jac1 = 0.0, t_jac2 = 0.0, t_jac3 = 0.0, t_jac4 = 0.0,
+         t_normal = 0.0, t_chol = 0.0;
 };
 
 // The numbers of the last "MODEL iteration" section of a results file, in
@@ -209,13 +245,23 @@ std::vector<Cell> Lowest_Cells(const Data_Set &ds, const std::vector<double> &mo
 }
 
 // Reads the synthetic data into a fresh data set and inverts them.
-Run_Result Invert_Run(const std::string &dir, const std::string &data, const double *box) {
+// Starts a new peak of the resident memory (VmHWM) for the next case.
+void Reset_Peak_Memory() {
+  if (FILE *f = std::fopen("/proc/self/clear_refs", "w")) {
+    std::fputs("5", f);
+    std::fclose(f);
+  }
+}
+
+Run_Result Invert_Run(const std::string &dir, const std::string &data, const double *box,
+                      int iterations) {
   Run_Result r;
   Bench_Data_Set b(dir);
   Data_Set &ds = b.ds;
   if (ds.Run_Command(CMD_READ_DATA, data.c_str()))
     return r;
   ds.LS_method.nit = iterations;
+  ds.Fem.solver_kind = forced_solver;
   r.fields = Count_Fields(ds);
   r.use_dipoles = ds.use_dipoles_fem;
   r.work.ds = &ds;
@@ -223,8 +269,10 @@ Run_Result Invert_Run(const std::string &dir, const std::string &data, const dou
   ds.fe.progress = Count_Progress;
   const std::string results = dir + "/synthetic.inv";
   const auto t0 = Clock::now();
+  Reset_Peak_Memory();
   const int ierr = ds.Run_Command(CMD_INVERT, results.c_str());
   r.wall = Seconds_Since(t0);
+  r.peak_mb = Status_MB("VmHWM:");
   ds.fe.progress = Silent_Front_End(true).progress;
   r.work.ds = nullptr;
   if (ierr)
@@ -242,6 +290,7 @@ Run_Result Invert_Run(const std::string &dir, const std::string &data, const dou
     r.hist_fmarq.push_back(ls.hist_fmarq[k]);
   }
   r.t_set = ls.time_set;
+  r.t_first_setup = ls.time_first_setup;
   r.t_forward = ls.time_forward;
   r.t_fac = ls.time_fac;
   r.t_solve_fem = ls.time_solve;
@@ -259,6 +308,7 @@ Run_Result Invert_Run(const std::string &dir, const std::string &data, const dou
     return r;
   }
   r.lowest = Lowest_Cells(ds, model, box);
+  r.model = model;
   std::filesystem::remove(results);
   r.ok = 1;
   return r;
@@ -268,9 +318,10 @@ Run_Result Invert_Run(const std::string &dir, const std::string &data, const dou
 Run_Result Median_Run(const std::vector<Run_Result> &runs) {
   Run_Result m = runs[0];
   for (double Run_Result::*f :
-       {&Run_Result::wall, &Run_Result::t_set, &Run_Result::t_forward, &Run_Result::t_fac,
-        &Run_Result::t_solve_fem, &Run_Result::t_jac, &Run_Result::t_jac1, &Run_Result::t_jac2,
-        &Run_Result::t_jac3, &Run_Result::t_jac4, &Run_Result::t_normal, &Run_Result::t_chol}) {
+       {&Run_Result::wall, &Run_Result::peak_mb, &Run_Result::t_first_setup, &Run_Result::t_set,
+        &Run_Result::t_forward, &Run_Result::t_fac, &Run_Result::t_solve_fem, &Run_Result::t_jac,
+        &Run_Result::t_jac1, &Run_Result::t_jac2, &Run_Result::t_jac3, &Run_Result::t_jac4,
+        &Run_Result::t_normal, &Run_Result::t_chol}) {
     std::vector<double> v;
     for (const Run_Result &r : runs)
       v.push_back(r.*f);
@@ -288,18 +339,70 @@ void Time_Row(const char *label, double total, int iters, int count, const char 
               Per(total, count), per_what);
 }
 
-int Run_Case(const Bench_Case &bc, int reps) {
+// Keeps the model in models_dir, or compares it with the one kept there.
+void Keep_Or_Compare_Model(const Bench_Case &bc, const Run_Result &r) {
+  const std::string path =
+      models_dir + "/" + std::filesystem::path(bc.file).stem().string() + ".model";
+  std::ifstream in(path);
+  if (!in) {
+    FILE *f = std::fopen(path.c_str(), "w");
+    bool ok = f && std::fprintf(f, "%.9g\n", r.rms) > 0;
+    for (double v : r.model)
+      ok = ok && std::fprintf(f, "%.9g\n", v) > 0;
+    if (!f || std::fclose(f) || !ok)
+      std::printf("  cannot write %s\n", path.c_str());
+    else
+      std::printf("  last model kept in %s\n", path.c_str());
+    return;
+  }
+  double rms = 0.0, v = 0.0;
+  std::vector<double> kept;
+  in >> rms;
+  while (in >> v)
+    kept.push_back(v);
+  if (kept.size() != r.model.size()) {
+    std::printf("  %s has %zu cells, this run %zu: not compared\n", path.c_str(), kept.size(),
+                r.model.size());
+    return;
+  }
+  double largest = 0.0;
+  size_t at = 0;
+  for (size_t k = 0; k < kept.size(); k++) {
+    const double d = std::fabs(r.model[k] - kept[k]) / std::max(std::fabs(kept[k]), 1e-30);
+    if (d > largest)
+      largest = d, at = k;
+  }
+  std::printf("  against %s: final RMS %.4f %% then, %.4f %% now (%.4f %% relative); largest "
+              "relative change of a cell %.5f %% (cell %zu)\n",
+              path.c_str(), rms, r.rms, 100.0 * std::fabs(r.rms - rms) / rms, 100.0 * largest,
+              at + 1);
+}
+
+int Run_Case(const Bench_Case &bc, int reps, Run_Result *median = nullptr) {
   char pattern[] = "/tmp/ohmvol3d_bench_invert_XXXXXX";
   if (!mkdtemp(pattern))
     return 1;
   const std::string dir = pattern;
   const std::string survey = dir + "/" + bc.file, data = dir + "/synthetic.dat";
-  std::error_code ec;
-  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/" + bc.file, survey, ec);
-  if (ec) {
-    std::printf("cannot copy %s/%s: %s\n", OHMVOL3D_EXAMPLES, bc.file, ec.message().c_str());
-    std::filesystem::remove_all(dir);
-    return 1;
+  if (bc.square_grid > 0) {
+    const std::string text =
+        Make_Square_Survey(bc.name.c_str(), bc.square_grid, square_spacing, 100.0);
+    FILE *f = std::fopen(survey.c_str(), "w");
+    const bool ok = f && std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    if (!f || std::fclose(f) || !ok) {
+      std::printf("cannot write %s\n", survey.c_str());
+      std::filesystem::remove_all(dir);
+      return 1;
+    }
+  } else {
+    std::error_code ec;
+    std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/" + bc.file, survey, ec);
+    if (ec) {
+      std::printf("cannot copy %s/%s: %s\n", OHMVOL3D_EXAMPLES, bc.file.c_str(),
+                  ec.message().c_str());
+      std::filesystem::remove_all(dir);
+      return 1;
+    }
   }
 
   // The synthetic data, written once.
@@ -308,6 +411,7 @@ int Run_Case(const Bench_Case &bc, int reps) {
     Bench_Data_Set b(dir);
     Data_Set &ds = b.ds;
     if (ds.Run_Command(CMD_READ_DATA, survey.c_str())) {
+      std::printf("%s: %s could not be read\n", bc.name.c_str(), survey.c_str());
       std::filesystem::remove_all(dir);
       return 1;
     }
@@ -321,7 +425,7 @@ int Run_Case(const Bench_Case &bc, int reps) {
     const int ierr = Forward_Synthetic_Data(ds, model, data.c_str(), noise_pct, noise_seed);
     t_synth = Seconds_Since(t0);
     if (ierr) {
-      std::printf("%s: the synthetic data could not be made\n", bc.name);
+      std::printf("%s: the synthetic data could not be made\n", bc.name.c_str());
       std::filesystem::remove_all(dir);
       return 1;
     }
@@ -329,9 +433,9 @@ int Run_Case(const Bench_Case &bc, int reps) {
 
   std::vector<Run_Result> runs;
   for (int k = 0; k < reps; k++) {
-    runs.push_back(Invert_Run(dir, data, bc.box));
+    runs.push_back(Invert_Run(dir, data, bc.box, bc.iterations));
     if (!runs.back().ok) {
-      std::printf("%s: inversion run %d failed\n", bc.name, k + 1);
+      std::printf("%s: inversion run %d failed\n", bc.name.c_str(), k + 1);
       std::filesystem::remove_all(dir);
       return 1;
     }
@@ -340,14 +444,14 @@ int Run_Case(const Bench_Case &bc, int reps) {
 
   const Run_Result m = Median_Run(runs);
   const Work_Count &w = m.work;
-  std::printf("\n=== %s (%s) ===\n", bc.name, bc.file);
+  std::printf("\n=== %s (%s) ===\n", bc.name.c_str(), bc.file.c_str());
   std::printf("Model: %.0f ohm-m box x %.2f..%.2f m, y %.2f..%.2f m, depth %.2f..%.2f m in "
               "%.0f ohm-m; %.0f %% noise (seed %u), made in %.2f s\n",
               bc.box_res, bc.box[0], bc.box[1], bc.box[2], bc.box[3], bc.box[4], bc.box[5],
               bc.background, noise_pct, noise_seed, t_synth);
   std::printf("Inversion: %d data, %d model cells in %d layers, %d iterations asked; solved mesh "
               "%lld nodes",
-              m.mdata, m.nmodel, m.nlayers, iterations, static_cast<long long>(w.nodes_max));
+              m.mdata, m.nmodel, m.nlayers, bc.iterations, static_cast<long long>(w.nodes_max));
   if (w.nodes_min != w.nodes_max)
     std::printf(" (%lld to %lld over the run)", static_cast<long long>(w.nodes_min),
                 static_cast<long long>(w.nodes_max));
@@ -400,13 +504,14 @@ int Run_Case(const Bench_Case &bc, int reps) {
   std::printf("  %-34s %10s %12s %7s %12s\n", "", "total", "/ iteration", "count", "/ call");
   Time_Row("whole run (wall clock)", m.wall, it, it, "iteration");
   Time_Row("  set-up (to the first RHS)", m.t_set, it, 1, "run");
+  Time_Row("  first forward's set-up (no solves)", m.t_first_setup, it, 1, "run");
   Time_Row("forward model (time_forward)", m.t_forward, it, fwd_models, "forward model");
   Time_Row("  factorisation (Fem.t_factor)", m.t_fac, it, fwd_models, "forward model");
   Time_Row("  solves (Fem.t_solve)", m.t_solve_fem, it, fwd_models, "forward model");
   Time_Row("Jacobian (time_jac)", m.t_jac, it, w.jacobians, "Jacobian");
   Time_Row("  map (time_jac1)", m.t_jac1, it, w.jacobians, "Jacobian");
-  Time_Row("  fetch (time_jac2)", m.t_jac2, it, w.jacobians, "Jacobian");
-  Time_Row("  kernel (time_jac3)", m.t_jac3, it, w.jacobians, "Jacobian");
+  Time_Row("  element products (time_jac2)", m.t_jac2, it, w.jacobians, "Jacobian");
+  Time_Row("  data rows (time_jac3)", m.t_jac3, it, w.jacobians, "Jacobian");
   Time_Row("  write (time_jac4)", m.t_jac4, it, w.jacobians, "Jacobian");
   Time_Row("  rest (fields in, buffers)", m.t_jac - jac_parts, it, w.jacobians, "Jacobian");
   Time_Row("normal equations (time_normal)", m.t_normal, it, w.solves, "solution");
@@ -419,37 +524,87 @@ int Run_Case(const Bench_Case &bc, int reps) {
   if (w.normalise)
     std::printf("  normalisation passes: %d, inside time_forward\n", w.normalise);
 
-  // Bytes of stored fields the Jacobian streams per forward model.
+  // Bytes of stored fields the Jacobian reads per forward model.
   const Field_Count &f = m.fields;
   const double n = Per(w.nodes_sum, w.jacobians);
   const int parts = w.complex_fields ? 2 : 1;
-  const double bytes = static_cast<double>(f.Fields()) * n * 4.0 * parts;
+  const double bytes = static_cast<double>(f.sources) * n * 4.0 * parts;
   const double t_bound = bytes / (triad_gbs * 1e9);
   const double t_meas = Per(m.t_jac, w.jacobians);
-  const double t_stream = Per(m.t_jac2 + m.t_jac3, w.jacobians);
   std::printf("\nJacobian against the memory bandwidth (%.0f GB/s triad), per forward model with "
               "the Jacobian\n",
               triad_gbs);
-  std::printf("  data groups %d (hit 0: %d, 1: %d, 2: %d, 3: %d, 4: %d)%s\n", f.groups,
-              f.hit_groups[0], f.hit_groups[1], f.hit_groups[2], f.hit_groups[3], f.hit_groups[4],
-              m.use_dipoles ? "; NOTE: dipole sources are on, the code combines 1 field a side"
-                            : "");
-  std::printf("  fields combined %lld (current %lld + potential %lld), n = %.0f nodes%s\n",
-              static_cast<long long>(f.Fields()), static_cast<long long>(f.current),
-              static_cast<long long>(f.potential), n, parts == 2 ? ", complex (x2)" : "");
-  std::printf("  %-46s %14.0f  (%.3f GB)\n", "stored-field bytes streamed", bytes, bytes / 1e9);
+  std::printf("  fields read %lld (each source once; %lld field terms over the data), n = %.0f "
+              "nodes%s%s\n",
+              static_cast<long long>(f.sources), static_cast<long long>(f.terms), n,
+              parts == 2 ? ", complex (x2)" : "",
+              m.use_dipoles ? "; NOTE: dipole sources are on, counted by electrode" : "");
+  std::printf("  %-46s %14.0f  (%.3f GB)\n", "stored-field bytes read", bytes, bytes / 1e9);
   std::printf("  %-46s %14.4f s\n", "time at the bandwidth limit", t_bound);
   std::printf("  %-46s %14.4f s  ratio %.2f\n", "measured Jacobian (time_jac / Jacobians)", t_meas,
               t_bound > 0.0 ? t_meas / t_bound : 0.0);
-  std::printf("  %-46s %14.4f s  ratio %.2f\n", "  fetch + kernel only (time_jac2 + 3)", t_stream,
-              t_bound > 0.0 ? t_stream / t_bound : 0.0);
+  std::printf("  %-46s %14.4f s\n", "  element products (time_jac2)", Per(m.t_jac2, w.jacobians));
+  std::printf("  %-46s %14.4f s\n", "  data rows (time_jac3)", Per(m.t_jac3, w.jacobians));
   std::printf("  fields held in memory for %d of %d Jacobians\n", w.fields_in_ram, w.jacobians);
 
-  std::printf("\nSummary (%s)\n", bc.name);
+  std::printf("\nSummary (%s)\n", bc.name.c_str());
   std::printf("  iterations done %d of %d, final RMS %.2f %% (start %.2f %%), %d of %zu lowest "
               "cells in the box (%d in its x-y outline), wall %.2f s, %.2f s per iteration\n",
-              m.iterations, iterations, m.rms, m.rms0, inside, m.lowest.size(), inside_xy, m.wall,
-              Per(m.wall, it));
+              m.iterations, bc.iterations, m.rms, m.rms0, inside, m.lowest.size(), inside_xy,
+              m.wall, Per(m.wall, it));
+  if (!models_dir.empty())
+    Keep_Or_Compare_Model(bc, runs[0]);
+  if (median)
+    *median = m;
+  return 0;
+}
+
+// The median time of an iteration (set-up apart).
+double Iteration_Seconds(const Run_Result &r) {
+  std::vector<double> v(r.hist_seconds.begin() + std::min<size_t>(1, r.hist_seconds.size()),
+                        r.hist_seconds.end());
+  return Median(v);
+}
+
+// The square grids one after another, then their table: the median time of
+// an iteration, the wall clock over the iterations (set-up included), the
+// first forward model's set-up, each forward model's and each Jacobian's
+// time with their parts, each solution of the normal equations (product
+// and Cholesky), the peak memory.
+int Run_Scale(const std::vector<int> &grids, int reps) {
+  std::vector<Run_Result> rows;
+  for (int n : grids) {
+    Run_Result m;
+    if (Run_Case(Square_Case(n), reps, &m))
+      return 1;
+    rows.push_back(m);
+  }
+  std::printf("\nGrowth with the survey (seconds, median of %d run%s; forward, factor and solves "
+              "per forward model, J and its parts per Jacobian, normal per solution)\n",
+              reps, reps == 1 ? "" : "s");
+  std::printf("  %5s %6s %7s %7s %8s %7s %7s %7s %7s %7s %7s %7s %7s %7s %7s\n", "elec", "data",
+              "nodes", "iter", "wall/it", "1st set", "forward", "factor", "solves", "J", "J fill",
+              "J rows", "J write", "normal", "peak MB");
+  for (size_t k = 0; k < rows.size(); k++) {
+    const Run_Result &r = rows[k];
+    const int it = std::max(r.iterations, 1), fw = std::max(r.work.forward, 1),
+              jc = std::max(r.work.jacobians, 1), sv = std::max(r.work.solves, 1);
+    std::printf("  %5d %6d %7lld %7.2f %8.2f %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f "
+                "%7.0f\n",
+                grids[k] * grids[k], r.mdata, static_cast<long long>(r.work.nodes_max),
+                Iteration_Seconds(r), r.wall / it, r.t_first_setup, r.t_forward / fw, r.t_fac / fw,
+                r.t_solve_fem / fw, r.t_jac / jc, r.t_jac2 / jc, r.t_jac3 / jc, r.t_jac4 / jc,
+                (r.t_normal + r.t_chol) / sv, r.peak_mb);
+  }
+  if (rows.size() >= 2) {
+    const size_t a = rows.size() - 2, b = rows.size() - 1;
+    const double ea = grids[a] * grids[a], eb = grids[b] * grids[b];
+    std::printf("  the time of an iteration grows as electrodes^%.2f from %.0f to %.0f "
+                "electrodes\n",
+                std::log(Iteration_Seconds(rows[b]) / Iteration_Seconds(rows[a])) /
+                    std::log(eb / ea),
+                ea, eb);
+  }
   return 0;
 }
 
@@ -458,19 +613,37 @@ int Run_Case(const Bench_Case &bc, int reps) {
 int main(int argc, char **argv) {
   Select_Blas_Kernel(argv);
   const Bench_Case *bc = &full_case;
+  std::vector<int> scale;
   int reps = 1;
   for (int k = 1; k < argc; k++) {
     const std::string a = argv[k];
     if (a == "--small") {
       bc = &small_case;
+    } else if (a == "--scale") {
+      scale = {9, 18, 27};
+    } else if (a == "--scale-grid" && k + 1 < argc) {
+      scale = {std::max(4, std::atoi(argv[++k]))};
     } else if (a == "--reps" && k + 1 < argc) {
       reps = std::max(1, std::atoi(argv[++k]));
+    } else if (a == "--models" && k + 1 < argc) {
+      models_dir = argv[++k];
+    } else if (a == "--solver" && k + 1 < argc) {
+      const std::string name = argv[++k];
+      forced_solver = name == "mumps" ? solver_mumps : name == "block" ? solver_block : -2;
+      if (forced_solver == -2) {
+        std::fprintf(stderr, "--solver takes mumps or block\n");
+        return 2;
+      }
     } else {
-      std::fprintf(stderr, "usage: %s [--small] [--reps N]\n", argv[0]);
+      std::fprintf(
+          stderr,
+          "usage: %s [--small | --scale | --scale-grid N] [--reps N] [--solver mumps|block]\n"
+          "       [--models DIR]\n",
+          argv[0]);
       return 2;
     }
   }
   std::printf("Inversion benchmark: %d threads (omp_get_max_threads), BLAS kernel %s, %d run%s\n",
               omp_get_max_threads(), Blas_Kernel_Name(), reps, reps == 1 ? "" : "s");
-  return Run_Case(*bc, reps);
+  return scale.empty() ? Run_Case(*bc, reps) : Run_Scale(scale, reps);
 }

@@ -38,6 +38,9 @@ public:
   // The solver of the last solve: its name, factor, timings and refinement.
   Solver_Report report;
   int solver_kind = -1; // a Solver_Kind forced (benchmarks, checks); -1 the run's choice
+  // Nodes of a span of cells in the Jacobian when the fields stay on disk
+  // (checks); 0 as many as a quarter of the free memory holds.
+  int64_t jacobian_span_nodes = 0;
 
   int jacob = 0;            // store the element matrices and the whole fields
   int double_precision = 0; // factorise in double precision (checks and benchmarks)

@@ -92,6 +92,10 @@ public:
   double time_jac = 0.0, time_jac1 = 0.0, time_jac2 = 0.0, time_jac3 = 0.0, time_jac4 = 0.0,
          time_jac_mul = 0.0, time_rough_filter = 0.0;
   double time_forward = 0.0, time_normal = 0.0, time_chol = 0.0;
+  // The first forward model of the run less its factorisation and solves:
+  // mesh, element matrices, assembly, ordering and analysis.
+  double time_first_setup = 0.0;
+  int forward_count = 0;
   double time_compress = 0.0, time_cg = 0.0;
   // The last conjugate-gradient solve: iterations, sqrt of its final ratio.
   int cg_iterations = 0;
