@@ -141,6 +141,13 @@ int Run_Invert(Data_Set &ds, const Cli_Options &opt) {
   return r ? 1 : 0;
 }
 
+// 1 where the results file read ends inside an iteration (the reader has
+// said so, and the command worked with the iterations before it): the run
+// that wrote it did not finish writing.
+int Results_Cut_Short(const Data_Set &ds) {
+  return ds.Inv_results.cut_iteration > 0 ? 1 : 0;
+}
+
 // export RESULTS.inv --format xyz|xyzc|logxyzc|vtk|misfit [--iteration N] [--ip]
 int Run_Export(Data_Set &ds, const Cli_Options &opt) {
   const std::string *format = Named_Option(opt, "--format");
@@ -165,7 +172,9 @@ int Run_Export(Data_Set &ds, const Cli_Options &opt) {
   r.export_iteration = static_cast<int>(it);
   r.export_ip = Named_Option(opt, "--ip") ? 1 : 0;
   r.export_log = f == "logxyzc" ? 1 : 0;
-  return ds.Run_Command(id) ? 1 : 0;
+  if (ds.Run_Command(id))
+    return 1;
+  return Results_Cut_Short(ds);
 }
 
 // plot FILE [--view layers|xz|yz|electrodes|mesh|lcurve] [--iteration N]
@@ -232,7 +241,7 @@ int Run_Plot(Data_Set &ds, const Cli_Options &opt) {
   if (ds.Run_Command(CMD_SAVE_IMAGE, out->c_str()))
     return 1;
   std::printf("Picture: %s\n", out->c_str());
-  return 0;
+  return results ? Results_Cut_Short(ds) : 0;
 }
 
 } // namespace

@@ -294,6 +294,25 @@ struct Cell_Block {
   int b0 = 0, b1 = 0, s0 = 0, S = 0;
 };
 
+// K_e q in difference form, sum over t != r of K_rt (q_t - q_r), for an
+// element of NN nodes whose values are its whole upper triangle by rows:
+// the pairs known when compiled, so that the fields and sums stay in
+// registers.
+template <int NN>
+inline void Level_Product(const float *kv, const float (*qe)[lanes], float (*acc)[lanes]) {
+#pragma GCC unroll 8
+  for (int r = 0; r < NN; r++)
+#pragma GCC unroll 8
+    for (int t = r + 1; t < NN; t++) {
+      const float kk = kv[r * NN - r * (r - 1) / 2 + (t - r)];
+      for (int w = 0; w < lanes; w++) {
+        const float d = kk * (qe[t][w] - qe[r][w]);
+        acc[r][w] += d;
+        acc[t][w] -= d;
+      }
+    }
+}
+
 // U and W of `nl` columns (field[w] the whole-mesh field of column w) at
 // the block's nodes; ql and wl are S x lanes work arrays.
 OHMVOL3D_WIDE_KERNEL
@@ -336,24 +355,29 @@ void Fill_Columns(const SemiStructured &ss, const Fem_State &fem, const Cell_Lay
           qe[a][w] = ql[loc[a] * lanes + w];
       }
       float acc[8][lanes] = {};
-      for (int v = 0; v < nv; v++) {
-        const int r = pairs[v][0], t = pairs[v][1];
-        const float kk = kv[v];
-        if (level) {
-          if (r != t)
-            for (int w = 0; w < lanes; w++) {
-              const float d = kk * (qe[t][w] - qe[r][w]);
-              acc[r][w] += d;
-              acc[t][w] -= d;
-            }
-        } else {
-          for (int w = 0; w < lanes; w++)
-            acc[r][w] += kk * qe[t][w];
-          if (r != t)
+      if (level && nv == hexq_values)
+        Level_Product<8>(kv, qe, acc);
+      else if (level && nv == tet_values)
+        Level_Product<4>(kv, qe, acc);
+      else
+        for (int v = 0; v < nv; v++) {
+          const int r = pairs[v][0], t = pairs[v][1];
+          const float kk = kv[v];
+          if (level) {
+            if (r != t)
+              for (int w = 0; w < lanes; w++) {
+                const float d = kk * (qe[t][w] - qe[r][w]);
+                acc[r][w] += d;
+                acc[t][w] -= d;
+              }
+          } else {
             for (int w = 0; w < lanes; w++)
-              acc[t][w] += kk * qe[r][w];
+              acc[r][w] += kk * qe[t][w];
+            if (r != t)
+              for (int w = 0; w < lanes; w++)
+                acc[t][w] += kk * qe[r][w];
+          }
         }
-      }
       for (int a = 0; a < nn; a++)
         for (int w = 0; w < lanes; w++)
           wl[loc[a] * lanes + w] += acc[a][w];

@@ -14,14 +14,15 @@ constexpr int max_inv_iterations = 100;
 
 class Inv_Results {
 public:
-  int nitcount_inv = 0; // model sections read
-  int ntime = 1;        // time series of each section
-  int nmodel = 0;       // cells of one model
-  int mdata = 0;        // data of one series
-  int typeip = 0;       // the file has IP models and data
-  int vector_dir = 0;   // the direction component of vector data was used
-  int robust = 0;       // the data norm was the robust one ("Abs. error")
-  int num_valid_ip = 0; // IP data counted valid
+  int nitcount_inv = 0;  // model sections read
+  int cut_iteration = 0; // the iteration whose section the file ends inside (0: none)
+  int ntime = 1;         // time series of each section
+  int nmodel = 0;        // cells of one model
+  int mdata = 0;         // data of one series
+  int typeip = 0;        // the file has IP models and data
+  int vector_dir = 0;    // the direction component of vector data was used
+  int robust = 0;        // the data norm was the robust one ("Abs. error")
+  int num_valid_ip = 0;  // IP data counted valid
 
   // Misfits in percent: [0] the initial model, [k] iteration k.
   std::vector<double> rmsl, rmsip;

@@ -80,15 +80,21 @@ int Read_IP_Model(Data_Set &ds, float *ip, const float *res, int64_t room) {
 }
 
 // A misfit line: one number, or three with the direction component (the
-// second taken). Returns the fraction.
-double Read_Misfit_Line(Data_Set &ds, bool direction) {
+// second taken), as a fraction. 1 where the line is missing, holds no
+// number, or ends the file without its line end: a line cut short, whose
+// last number may be cut too.
+int Read_Misfit_Line(Data_Set &ds, bool direction, double &fraction) {
   char line[text_line_max + 1];
-  read_line(ds.img, line);
+  if (read_line(ds.img, line) == 0 || ds.img.pos >= ds.img.size)
+    return 1;
   Text_Image t = line_image(line);
   double v = read_real(t);
-  if (direction)
+  if (direction && t.found)
     v = read_real(t);
-  return v * 0.01;
+  if (!t.found)
+    return 1;
+  fraction = v * 0.01;
+  return 0;
 }
 
 // The RMS misfit in percent of the calculated values of one series.
@@ -148,7 +154,10 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
       std::vector<float> skip(r.mdata);
       read_reals(ds.img, skip.data(), r.mdata, 1.0);
     }
-    r.rmsl[it] = 100.0 * Read_Misfit_Line(ds, r.vector_dir);
+    double misfit = 0.0;
+    if (Read_Misfit_Line(ds, r.vector_dir, misfit))
+      return 1;
+    r.rmsl[it] = 100.0 * misfit;
     if (calcip) {
       read_line(ds.img, line); // "CALCULATED APPARENT IP"
       const int n = valid_only ? r.num_valid_ip : r.mdata;
@@ -163,7 +172,9 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
         read_line(ds.img, line);
         read_reals(ds.img, v.data(), n, 1.0);
       }
-      r.rmsip[it] = 100.0 * Read_Misfit_Line(ds, r.vector_dir);
+      if (Read_Misfit_Line(ds, r.vector_dir, misfit))
+        return 1;
+      r.rmsip[it] = 100.0 * misfit;
     }
     Show_Iteration_Status(ds, it, r.rmsl[it], r.typeip > 0 ? r.rmsip[it] : 0.0);
     return 0;
@@ -186,7 +197,10 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
     float *c = calc + static_cast<int64_t>(t) * r.mdata;
     if (read_reals(ds.img, c, r.mdata, unit))
       return 1;
-    const double rms = 100.0 * Read_Misfit_Line(ds, false);
+    double misfit = 0.0;
+    if (Read_Misfit_Line(ds, false, misfit))
+      return 1;
+    const double rms = 100.0 * misfit;
     all += rms * rms;
     Progress_Text(ds, 1.0, "Iteration %d Series %d-RMS error %.2f    ", it, t + 1, rms);
     if (calcip) {
@@ -196,7 +210,9 @@ int Read_Section(Data_Set &ds, Sections &s, int it) {
         return 1;
       for (int i = 0; i < r.mdata; i++)
         ci[i] = static_cast<float>(IP_To_Internal(ds.Data_ip, ci[i], c[i]));
-      const double rip = 100.0 * Read_Misfit_Line(ds, false);
+      if (Read_Misfit_Line(ds, false, misfit))
+        return 1;
+      const double rip = 100.0 * misfit;
       allip += rip * rip;
     }
   }
@@ -310,9 +326,12 @@ int Get_Model_Inversion(Data_Set &ds) {
     r.vector_dir = 1;
     read_line(ds.img, line);
   }
-  r.rmsl[0] = 100.0 * Read_Misfit_Line(ds, r.vector_dir);
-  if (r.typeip)
-    r.rmsip[0] = 100.0 * Read_Misfit_Line(ds, r.vector_dir);
+  // (A file cut inside these lines has no iteration to read.)
+  double misfit = 0.0;
+  if (!Read_Misfit_Line(ds, r.vector_dir, misfit))
+    r.rmsl[0] = 100.0 * misfit;
+  if (r.typeip && !Read_Misfit_Line(ds, r.vector_dir, misfit))
+    r.rmsip[0] = 100.0 * misfit;
   r.num_valid_ip = ds.mdata;
   if (Peek_Line(ds, line) && std::toupper(static_cast<unsigned char>(line[0])) == 'I') {
     read_line(ds.img, line);
@@ -329,8 +348,14 @@ int Get_Model_Inversion(Data_Set &ds) {
     const int64_t keep = ds.img.pos;
     read_line(ds.img, line);
     if (Read_Section(ds, s, it + 1)) {
-      // A section cut short (a run stopped while writing) is left out.
+      // A section cut short (a run stopped while writing, a full disk) is
+      // left out, in words.
       ds.img.pos = keep;
+      r.cut_iteration = it + 1;
+      Show_Text(ds, inv_file_title, MK_WARNING,
+                "The results file %s ends inside iteration %d: the file was cut short.\nOnly "
+                "the iterations before it (%d) are read.",
+                ds.file_names.data_file.c_str(), it + 1, it);
       break;
     }
     it++;

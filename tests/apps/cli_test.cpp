@@ -183,6 +183,27 @@ TEST_F(Cli, ResultsFilesExportAndPlot) {
   EXPECT_EQ(bad.err.find("not available yet"), std::string::npos);
 }
 
+// A results file cut inside the last iteration's misfit number (a full disk,
+// a run killed while writing): the commands work with the iterations before
+// it, say why, and exit 1.
+TEST_F(Cli, ResultsFileCutInsideANumberFails) {
+  std::filesystem::copy_file(std::string(OHMVOL3D_EXAMPLES) + "/grid_pole_dipole.dat",
+                             dir + "/x.dat");
+  ASSERT_EQ(Run("invert x.dat -o x.inv --set nit=2 --quiet").status, 0);
+  const std::string text = Slurp(dir + "/x.inv");
+  const size_t end = text.find("\nTopography removal parameters");
+  ASSERT_NE(end, std::string::npos);
+  const size_t dot = text.rfind('.', end);
+  Spit(dir + "/cut.inv", text.substr(0, dot + 1));
+  for (const char *cmd : {"export cut.inv --format xyz", "plot cut.inv -o cut.png"}) {
+    const Run_Result r = Run(cmd);
+    EXPECT_EQ(r.status, 1) << cmd;
+    EXPECT_NE(r.err.find("ends inside iteration 2"), std::string::npos) << cmd << r.err;
+  }
+  // The whole file still reads.
+  EXPECT_EQ(Run("export x.inv --format xyz").status, 0);
+}
+
 // The 9 by 14 electrode grid: the adaptive mesh is smaller than the dense one
 // and both pass the mesh checks; --vtk writes the mesh.
 TEST_F(Cli, MeshReportsBothFormsAndWritesVtk) {

@@ -134,6 +134,7 @@ TEST(ResultsReader, FilesCutShortReadAsFarAsTheyAreComplete) {
     Reader rd;
     ASSERT_EQ(rd.Read(Cut_Before(run.text, "MODEL iteration 3")), 0);
     EXPECT_EQ(rd.r().nitcount_inv, 2);
+    EXPECT_EQ(rd.r().cut_iteration, 0) << "a stopped run's file ends between sections";
     EXPECT_EQ(rd.r().topo_removal_present, 0) << "no tail in a stopped run";
     EXPECT_EQ(rd.r().iteration_disp, 2);
   }
@@ -144,6 +145,25 @@ TEST(ResultsReader, FilesCutShortReadAsFarAsTheyAreComplete) {
     Reader rd;
     ASSERT_EQ(rd.Read(text.substr(0, at + 40)), 0);
     EXPECT_EQ(rd.r().nitcount_inv, 2);
+    EXPECT_EQ(rd.r().cut_iteration, 3);
+  }
+  {
+    // Cut inside the third section's misfit number ("2.708" as "2."): the
+    // section is not taken as whole, and the reader says so.
+    const std::string text = run.text;
+    const size_t calc =
+        text.find("CALCULATED APPARENT RESISTIVITY", text.find("MODEL iteration 3"));
+    const size_t misfit_end = text.find("\nTopography removal parameters", calc);
+    ASSERT_NE(misfit_end, std::string::npos);
+    const size_t dot = text.rfind('.', misfit_end);
+    ASSERT_GT(dot, text.rfind('\n', misfit_end - 1));
+    Reader rd;
+    ASSERT_EQ(rd.Read(text.substr(0, dot + 1)), 0);
+    EXPECT_EQ(rd.r().nitcount_inv, 2);
+    EXPECT_EQ(rd.r().cut_iteration, 3);
+    const Recorded_Message *said = rd.s.rec.Last("Inv file message");
+    ASSERT_NE(said, nullptr);
+    EXPECT_NE(said->text.find("ends inside iteration 3"), std::string::npos) << said->text;
   }
   {
     // The header alone: an inversion that had not finished its first step.
