@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
@@ -235,6 +237,14 @@ int Write_Values_Chunks(const std::string &path, const float *values, int64_t n,
   return close(fd) == 0 && done == 4 * n ? 0 : 1;
 }
 
+std::string Os_Error_Text(int err) {
+  if (err == ENOSPC || err == EDQUOT)
+    return "\nThe disk is full (no space left on the device).";
+  if (err == EFBIG)
+    return "\nThe file has reached the size limit for files.";
+  return err ? std::string("\n") + std::strerror(err) : std::string();
+}
+
 namespace {
 
 // The texts of one direction of the value files.
@@ -256,11 +266,15 @@ int Move_Values_File(Data_Set &ds, const std::string &path, float *values, int64
     return 2;
   }
   const int64_t total = 4 * n;
+  errno = 0;
   const int64_t done = Transfer_Chunks(fd, values, n, byte_offset, write);
+  const int err = errno;
   close(fd);
   if (done != total) {
     print_to_buffer(ds.mesg, sizeof ds.mesg, texts.short_move, path.c_str(),
                     static_cast<long long>(done), static_cast<long long>(total));
+    const std::string why = Os_Error_Text(err);
+    std::strncat(ds.mesg, why.c_str(), sizeof ds.mesg - std::strlen(ds.mesg) - 1);
     show_message(ds, ds.mesg, texts.title);
     return 1;
   }
@@ -336,23 +350,45 @@ double Disk_Space_Inversion_GB(const Disk_Inputs &in) {
   const double disk_jac = 4.0 * static_cast<double>(in.nmodel_blocks) * in.ntime *
                           static_cast<double>(in.mdata) * gb_factor;
   double disk_mesh = 4.0 * static_cast<double>(in.mesh_nodes) * nuse * gb_factor;
-  if (in.nseg > 1)
+  // The forward model's matrix files, there with the fields and the
+  // Jacobian: the element store (up to 36 values a hexahedron, about one a
+  // node) and the assembled matrix (27 entries a row, value and column).
+  double disk_matrix =
+      (36.0 * 4.0 + 27.0 * 8.0 + 8.0) * static_cast<double>(in.mesh_nodes) * gb_factor;
+  if (in.nseg > 1) {
     disk_mesh *= 1.25 / in.nseg;
+    disk_matrix *= 1.25 / in.nseg;
+  }
   const double disk_filter = 2.0 * nuse * nuse * gb_factor;
-  return (disk_jac > disk_filter ? disk_jac : disk_filter) + disk_mesh;
+  // The electrode potential table (a half matrix of floats), and a tenth
+  // more for the small files and the file system's blocks.
+  const double disk_table = 2.0 * nuse * nuse * gb_factor;
+  const double total =
+      (disk_jac > disk_filter ? disk_jac : disk_filter) + disk_mesh + disk_matrix + disk_table;
+  return 1.1 * total * (in.ip ? 2.0 : 1.0);
+}
+
+std::string Size_Text(double bytes) {
+  char buf[64];
+  if (bytes < 1024.0 * 1024.0 * 1024.0)
+    std::snprintf(buf, sizeof buf, "%.1f MB", bytes / (1024.0 * 1024.0));
+  else if (bytes < 1024.0 * 1024.0 * 1024.0 * 1024.0)
+    std::snprintf(buf, sizeof buf, "%.2f GB", bytes / (1024.0 * 1024.0 * 1024.0));
+  else
+    std::snprintf(buf, sizeof buf, "%.2f TB", bytes / (1024.0 * 1024.0 * 1024.0 * 1024.0));
+  return buf;
 }
 
 int Calculate_Disk_Space_Inversion_Files(Data_Set &ds, const Disk_Inputs &in) {
-  const double needed_tb = Disk_Space_Inversion_GB(in) * tb_per_gb;
+  const double needed = Disk_Space_Inversion_GB(in) / gb_factor;
   const double free_bytes = static_cast<double>(Free_Disk_Bytes(ds.System_config.buffer_folder));
-  const double avail_tb = free_bytes * gb_factor * tb_per_gb;
-  TRACE("Calculate_Disk_Space_Inversion_Files needed %.4f TB available %.4f TB\n", needed_tb,
-        avail_tb);
-  if (needed_tb > avail_tb) {
+  TRACE("Calculate_Disk_Space_Inversion_Files needed %.0f bytes available %.0f bytes\n", needed,
+        free_bytes);
+  if (needed > free_bytes) {
     print_to_buffer(ds.mesg, sizeof ds.mesg,
-                    "Insufficent free disk space for temporary files.\nSpace needed is %.2f "
-                    "TB\nSpace available is %.2f TB\n",
-                    needed_tb, avail_tb);
+                    "Insufficent free disk space for temporary files.\nSpace needed is %s\nSpace "
+                    "available is %s\n",
+                    Size_Text(needed).c_str(), Size_Text(free_bytes).c_str());
     show_message(ds, ds.mesg, "Disk Space Message");
     return 1;
   }

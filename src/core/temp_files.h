@@ -123,6 +123,9 @@ int Read_Values_File(Data_Set &ds, const std::string &path, float *values, int64
 // values written from the start of a new file, or appended. 0, 1 on a short
 // write, 2 when the file cannot be opened.
 int Write_Values_Chunks(const std::string &path, const float *values, int64_t n, bool append);
+// The reason of a failed read or write (the errno it left) for a message:
+// a full disk or file size limit in words, else the system's text; "" for 0.
+std::string Os_Error_Text(int err);
 // The chunk length for n values: min(n/2, 1048576) above 1048576 values, else n.
 int64_t Chunk_Values(int64_t n);
 
@@ -146,6 +149,8 @@ std::string Disk_Space_Text(double gb);
 double Calculate_Disk_Space_Temp_Files(Data_Set &ds, const Disk_Inputs &in);
 // The run's check: needed GB; 0 if it fits, else 1 with the refusal shown.
 double Disk_Space_Inversion_GB(const Disk_Inputs &in);
+// A size in bytes as MB, GB or TB, whichever fits ("10.3 MB").
+std::string Size_Text(double bytes);
 int Calculate_Disk_Space_Inversion_Files(Data_Set &ds, const Disk_Inputs &in);
 
 // Probes whether the Jacobian of `values` 32-bit values fits in memory; when

@@ -1,6 +1,7 @@
 #include "forward/coo_matrix.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <numeric>
@@ -8,6 +9,7 @@
 
 #include "core/data_set.h"
 #include "core/messages.h"
+#include "core/temp_files.h"
 #include "core/trace.h"
 #include "survey/survey_text.h"
 
@@ -109,15 +111,18 @@ int CooMatrix64::COO_to_CSR_Fix(Data_Set &ds, const std::string &path) {
     return 1;
   }
   const int32_t n32 = static_cast<int32_t>(n);
+  errno = 0;
   int err = std::fwrite(&n32, 4, 1, f) != 1 || std::fwrite(&count, 8, 1, f) != 1;
   err += Pieces(f, ia.data(), n + 1, true);
   err += Pieces(f, coo_col.data(), count, true);
   err += Pieces(f, coo_val.data(), count * vw, true);
   err += std::fclose(f) != 0;
+  const int why = errno;
   progress(ds, "Release arrays MUMPS..", 0.0);
   Free_COO();
   if (err) {
-    Show_Text(ds, "Message", MK_WARNING, "Error in writing the file %s", path.c_str());
+    Show_Text(ds, "Message", MK_WARNING, "Error in writing the file %s%s", path.c_str(),
+              Os_Error_Text(why).c_str());
     return 1;
   }
   progress(ds, "Setting up ss mesh matrix memory..", 0.0);

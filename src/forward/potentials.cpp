@@ -1,8 +1,11 @@
 // Sources, right-hand sides and the stored potentials: the upper triangle of
 // electrode-to-electrode values (v_file), and the whole field of every
 // source for the Jacobian (potentials_nodes), both appended batch by batch.
+#include <cerrno>
 #include <cstdio>
 #include <vector>
+
+#include <cerrno>
 
 #include "core/data_set.h"
 #include "core/messages.h"
@@ -23,12 +26,15 @@ bool Entry_Used(const Data_Set &ds, int e) {
 
 // Appends n values to a file; a failure is shown with the file's name.
 int Append_Values(Data_Set &ds, const std::string &path, const float *v, int64_t n) {
+  errno = 0;
   const int r = Write_Values_Chunks(path, v, n, true);
+  const int err = errno;
   if (r == 2)
     return Show_Text(ds, "Error opening potentials binary file", MK_WARNING,
                      "Error in opening binary file with potential values\n%s", path.c_str());
   if (r)
-    return Show_Text(ds, "Message", MK_WARNING, "Error in writing the file %s", path.c_str());
+    return Show_Text(ds, "Message", MK_WARNING, "Error in writing the file %s%s", path.c_str(),
+                     Os_Error_Text(err).c_str());
   return 0;
 }
 

@@ -11,6 +11,7 @@
 
 class Data_Set;
 class LS_Method;
+struct Disk_Inputs;
 
 // --- Roughness filters -------------------------------------------------------------
 // Direction weights wx, wy, wz of the filter from the vertical-to-horizontal
@@ -141,4 +142,7 @@ int Forward_Model_Inversion(Data_Set &ds, int jacob);
 // results file (null: the data file's name with ".inv").
 int Set_Save_Inversion_Results(Data_Set &ds, const char *path);
 int Invert_Data_Set(Data_Set &ds);
+// What the disk check before a run counts: the data, cells, electrodes and
+// mesh of the data set read.
+Disk_Inputs Inversion_Disk_Inputs(const Data_Set &ds);
 void Set_IGN(Data_Set &ds, int64_t memory_bytes);

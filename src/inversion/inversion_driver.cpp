@@ -21,9 +21,7 @@
 #include "survey/survey.h"
 #include "survey/survey_text.h"
 
-namespace {
-
-Disk_Inputs Run_Disk_Inputs(const Data_Set &ds) {
+Disk_Inputs Inversion_Disk_Inputs(const Data_Set &ds) {
   const Model_Grid &g = ds.Model_grid;
   Disk_Inputs in;
   in.nseg = g.num_splice_x * g.num_splice_y;
@@ -36,6 +34,8 @@ Disk_Inputs Run_Disk_Inputs(const Data_Set &ds) {
   in.ndipoles = ds.use_dipoles_fem == 1 ? ds.Fem.ndipoles : 0;
   return in;
 }
+
+namespace {
 
 // The options that follow from the data and the memory.
 void Invert_Initial_Settings(Data_Set &ds) {
@@ -345,7 +345,7 @@ int Set_Save_Inversion_Results(Data_Set &ds, const char *path) {
     panel_text(ds, "IP values are not inverted in this version: resistivity inversion only.");
     ds.Data_ip.typeip = 0;
   }
-  int ierr = Calculate_Disk_Space_Inversion_Files(ds, Run_Disk_Inputs(ds));
+  int ierr = Calculate_Disk_Space_Inversion_Files(ds, Inversion_Disk_Inputs(ds));
   if (!ierr) {
     if (!ds.batch_mode)
       Set_IGN(ds, Available_Memory_Bytes());

@@ -165,11 +165,12 @@ TEST(TempFiles, ValueFilesRoundTripAndErrors) {
   EXPECT_EQ(Read_Values_File(*ds, bad, past, 3), 2);
   EXPECT_EQ(rec.Count("Jacobian Matrix Read"), 2);
 
-  // A full disk.
+  // A full disk, in words.
   if (access("/dev/full", W_OK) == 0) {
     EXPECT_EQ(Write_Values_File(*ds, "/dev/full", head, 3), 1);
     ASSERT_EQ(rec.Count("Jacobian Matrix Save"), 2);
-    EXPECT_EQ(rec.messages.back().text, "Jacobian matrix save error /dev/full.\n0/12");
+    EXPECT_EQ(rec.messages.back().text, "Jacobian matrix save error /dev/full.\n0/12\nThe disk is "
+                                        "full (no space left on the device).");
   }
 }
 
@@ -233,15 +234,17 @@ TEST(TempFiles, DiskCheckBeforeARun) {
   in.mesh_nodes = 1 << 20;
   in.nelec_use = 256; // mesh 1 GB
   in.nmodel_blocks = 1 << 18;
-  in.mdata = 1024; // Jacobian 1 GB; filter 2 * 256^2 bytes
-  EXPECT_DOUBLE_EQ(Disk_Space_Inversion_GB(in), 2.0);
-  in.nseg = 5; // mesh times 1.25 / 5
-  EXPECT_DOUBLE_EQ(Disk_Space_Inversion_GB(in), 1.25);
+  in.mdata = 1024; // Jacobian 1 GB; filter and table 2 * 256^2 bytes each
+  // The matrix files: 368 bytes a mesh node; then a tenth more.
+  const double matrix = 368.0 / 1024.0, table = 2.0 * 256 * 256 / 1073741824.0;
+  EXPECT_DOUBLE_EQ(Disk_Space_Inversion_GB(in), 1.1 * (2.0 + matrix + table));
+  in.nseg = 5; // mesh and matrix times 1.25 / 5
+  EXPECT_DOUBLE_EQ(Disk_Space_Inversion_GB(in), 1.1 * (1.25 + matrix / 4.0 + table));
   in.nseg = 1;
   in.mdata = 0;
   in.mesh_nodes = 1 << 10;
-  in.ndipoles = 1 << 14; // dipoles replace electrodes: filter 0.5 GB, mesh 1/16 GB
-  EXPECT_DOUBLE_EQ(Disk_Space_Inversion_GB(in), 0.5 + 0.0625);
+  in.ndipoles = 1 << 14; // dipoles replace electrodes: filter and table 0.5 GB, mesh 1/16 GB
+  EXPECT_DOUBLE_EQ(Disk_Space_Inversion_GB(in), 1.1 * (0.5 + 0.0625 + 368.0 / 1048576.0 + 0.5));
 
   Temp_Folder tmp;
   ASSERT_TRUE(tmp.ok());
@@ -265,6 +268,11 @@ TEST(TempFiles, DiskCheckBeforeARun) {
                                    "Space needed is "))
       << m->text;
   EXPECT_NE(m->text.find(" TB\nSpace available is "), std::string::npos) << m->text;
+  // Sizes in the unit that fits, never "0.00 TB".
+  EXPECT_EQ(m->text.find("0.00 TB"), std::string::npos) << m->text;
+  EXPECT_EQ(Size_Text(11.9 * 1048576.0), "11.9 MB");
+  EXPECT_EQ(Size_Text(2.5 * 1073741824.0), "2.50 GB");
+  EXPECT_EQ(Size_Text(3.0 * 1099511627776.0), "3.00 TB");
 }
 
 TEST(TempFiles, JacobianMemoryProbe) {

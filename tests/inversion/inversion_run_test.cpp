@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "core/commands.h"
+#include "core/temp_files.h"
 #include "forward/forward_test_support.h"
 #include "forward/synthetic.h"
 #include "inversion/inversion.h"
@@ -92,6 +93,40 @@ TEST(InversionRun, IpDataGiveAResistivityOnlyResultsFile) {
   EXPECT_EQ(Count_Of(inv, "IP MODEL"), 0);
   EXPECT_EQ(Count_Of(inv, "CALCULATED APPARENT IP"), 0);
   EXPECT_EQ(s.ds->Data_ip.typeip, typeip) << "the data set keeps its IP values";
+}
+
+// The disk check before a run asks for at least what the run's temporary
+// files take at their peak: the buffer folder measured at every progress
+// call of a run (surface data, a pole-dipole survey, boreholes).
+TEST(InversionRun, DiskEstimateCoversThePeakOfTheBufferFolder) {
+  struct Folder_Peak {
+    std::string folder;
+    int64_t peak = 0;
+  };
+  static Folder_Peak watch;
+  for (const char *file : {"grid_dipole_dipole.dat", "grid_pole_dipole.dat", "borehole.dat"}) {
+    SCOPED_TRACE(file);
+    Example_Survey s;
+    ASSERT_EQ(s.Read_Example(file), 0);
+    watch = Folder_Peak{s.ds->System_config.buffer_folder, 0};
+    s.ds->fe.progress = [](void *, const char *, double) {
+      int64_t bytes = 0;
+      std::error_code ec;
+      for (const auto &e : std::filesystem::directory_iterator(watch.folder, ec))
+        if (e.is_regular_file(ec))
+          bytes += static_cast<int64_t>(e.file_size(ec));
+      watch.peak = std::max(watch.peak, bytes);
+      return 0;
+    };
+    s.ds->LS_method.nit = 2;
+    const double estimate = Disk_Space_Inversion_GB(Inversion_Disk_Inputs(*s.ds)) * 1073741824.0;
+    ASSERT_EQ(Invert(s, "disk.inv"), 0);
+    EXPECT_GT(watch.peak, 1000000) << "the run's files were not seen";
+    EXPECT_GE(estimate, 1.05 * static_cast<double>(watch.peak))
+        << "estimate " << estimate << " bytes, peak " << watch.peak;
+    std::printf("    %s: estimate %.1f MB, peak of the buffer folder %.1f MB\n", file,
+                estimate / 1048576.0, static_cast<double>(watch.peak) / 1048576.0);
+  }
 }
 
 TEST(InversionRun, UserStopKeepsFinishedIterationsAndTheSummary) {
