@@ -56,6 +56,14 @@ void Write_User_Depths(Data_Set &ds, FILE *f) {
 
 namespace {
 
+// Resistance data are saved as the resistances they were read as: the
+// apparent resistivity times the datum's factor for the electrode order kept
+// after reading (the reader swaps a pair where the factor was negative), so
+// that the file reads back to the same data.
+bool Resistances_Kept(const Data_Set &ds) {
+  return ds.resistance_file == 1 && ds.resistance != 1 && ds.array2 != 16;
+}
+
 // The file's array number (and sub-array number) of the survey.
 void Write_Array(Data_Set &ds, FILE *f) {
   if (ds.array == 11) {
@@ -67,7 +75,8 @@ void Write_Array(Data_Set &ds, FILE *f) {
                    "amplitude and resistance ratio=1)\n%d\n",
                    ds.vector_data_type);
     else
-      std::fprintf(f, "Type of data (0=Apparent Resistivity,1=Resistance)\n%d\n", ds.resistance);
+      std::fprintf(f, "Type of data (0=Apparent Resistivity,1=Resistance)\n%d\n",
+                   ds.resistance == 1 || Resistances_Kept(ds) ? 1 : 0);
     return;
   }
   std::fprintf(f, "%d\n", File_Array_Number(ds.array));
@@ -89,12 +98,13 @@ void Write_Position(Data_Set &ds, FILE *f, const double *p, bool first) {
     std::fprintf(f, "%12.3f ", p[2] * ds.spxx);
 }
 
-void Write_Value_Error(Data_Set &ds, FILE *f, double v, double e) {
-  const bool resistance = ds.resistance == 1;
-  const double scale = resistance ? 1.0 / ds.spxx : 1.0;
+// A value (and its error) of datum record d.
+void Write_Value_Error(Data_Set &ds, FILE *f, const Data_Point &d, double v, double e) {
+  const bool kept = Resistances_Kept(ds), resistance = ds.resistance == 1 || kept;
+  const double scale = kept ? d.gfac / ds.spxx : 1.0 / ds.spxx;
   auto put = [&](double x) {
     if (resistance)
-      std::fprintf(f, " %11.3e ", x * scale);
+      std::fprintf(f, " %14.7e ", x * scale);
     else
       Write_Data_Value(f, x);
   };
@@ -127,12 +137,12 @@ void Write_Data_Line(Data_Set &ds, FILE *f, int i) {
     Write_Position(ds, f, d.p2, false);
   if (vector)
     Write_Position(ds, f, d.p3, false);
-  Write_Value_Error(ds, f, d.value, d.value_error);
+  Write_Value_Error(ds, f, d, d.value, d.value_error);
   if (vector)
-    Write_Value_Error(ds, f, d.value2, d.value2_error);
+    Write_Value_Error(ds, f, d, d.value2, d.value2_error);
   for (int k = 1; k < ds.ntime; k++) {
     const Data_Point &dk = ds.dp[Record_Index(ds, k, i)];
-    Write_Value_Error(ds, f, dk.value, dk.value_error);
+    Write_Value_Error(ds, f, dk, dk.value, dk.value_error);
   }
   if (ds.Data_ip.typeip > 0)
     for (int k = 0; k < ds.ntime; k++) {
@@ -221,7 +231,9 @@ int File_Save(Data_Set &ds, const char *path) {
   Write_Optional_Sections(ds, f);
   std::fprintf(f, "0\n0\n0\n0\n0\n\n\n");
   const int failed = std::ferror(f) != 0;
-  std::fclose(f);
-  TRACE("File_Save %s mdata %d failed %d\n", name.c_str(), ds.mdata, failed);
-  return failed;
+  const int closed = std::fclose(f) == 0;
+  TRACE("File_Save %s mdata %d failed %d\n", name.c_str(), ds.mdata, failed || !closed);
+  if (failed || !closed)
+    return Show_Text(ds, "Message", MK_WARNING, "Error in writing the file %s", name.c_str());
+  return 0;
 }
