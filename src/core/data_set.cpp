@@ -88,21 +88,25 @@ void Data_Set::Free_Arrays() {
   Free_Survey_Arrays();
 }
 
+// The data arrays start small and grow to the data file read (within the
+// limits), so that a small survey never asks for the limits' worth.
+constexpr int64_t first_data_capacity = 1024;
+
 int Data_Set::Allocate_Survey_Arrays() {
   const Data_Limits &lim = Data_lim_sys;
-  const int64_t records = Data_Records_Count(lim);
-  const int64_t data_sized = 2 * static_cast<int64_t>(lim.nmax_data) + 4;
+  const int64_t data = std::min<int64_t>(lim.nmax_data, first_data_capacity);
+  const int64_t records = std::min(Data_Records_Count(lim), data + 1);
   const int64_t elecs = lim.nmax_elecs;
   int ierr = 0;
   num_dp_records = records;
+  num_dp_data = data;
   ierr |= Allocate_Values(*this, dp, records, "data point records");
-  ierr |= Allocate_Values(*this, dp_work, static_cast<int64_t>(lim.nmax_data) + 4,
-                          "data point scratch records");
+  ierr |= Allocate_Values(*this, dp_work, data + 4, "data point scratch records");
   ierr |= Allocate_Values(*this, valid_res, records, "data valid flags");
   ierr |= Allocate_Values(*this, valid_ip, records, "IP valid flags");
   ierr |= Allocate_Values(*this, keep, records, "data keep flags");
-  ierr |= Allocate_Values(*this, sort_keys, data_sized, "data sort keys");
-  ierr |= Allocate_Values(*this, sort_index, data_sized, "data sort index");
+  ierr |= Allocate_Values(*this, sort_keys, 2 * data + 4, "data sort keys");
+  ierr |= Allocate_Values(*this, sort_index, 2 * data + 4, "data sort index");
   ierr |= Allocate_Values(*this, pe, 2 * elecs + 4, "point electrodes");
   ierr |= Allocate_Values(*this, pe_copy, 2 * elecs + 4, "point electrodes copy");
   ierr |= Allocate_Values(*this, pe_work, 2 * elecs + 4, "point electrodes scratch");
@@ -112,6 +116,32 @@ int Data_Set::Allocate_Survey_Arrays() {
   ierr |= Allocate_Values(*this, key_index, 2 * elecs + 4, "electrode key index");
   ierr |= Allocate_Section_Arrays(*this);
   return ierr;
+}
+
+int Data_Set::Reserve_Data_Records(int64_t data, int64_t series) {
+  const int64_t records = data * std::max<int64_t>(series, 1) + 1;
+  if (data < 0 || data > Data_lim_sys.nmax_data || records > Data_Records_Count(Data_lim_sys))
+    return 1;
+  if (records > num_dp_records) {
+    const int64_t old = num_dp_records;
+    if (Grow_Values(*this, dp, old, records, "data point records") ||
+        Grow_Values(*this, valid_res, old, records, "data valid flags") ||
+        Grow_Values(*this, valid_ip, old, records, "IP valid flags") ||
+        Grow_Values(*this, keep, old, records, "data keep flags"))
+      return 1;
+    num_dp_records = records;
+  }
+  if (data > num_dp_data) {
+    const int64_t old = num_dp_data;
+    if (Grow_Values(*this, dp_work, old + 4, data + 4, "data point scratch records") ||
+        Grow_Values(*this, sort_keys, 2 * old + 4, 2 * data + 4, "data sort keys") ||
+        Grow_Values(*this, sort_index, 2 * old + 4, 2 * data + 4, "data sort index"))
+      return 1;
+    num_dp_data = data;
+  }
+  TRACE_MEMORY("Reserve_Data_Records data %lld records %lld\n", static_cast<long long>(data),
+               static_cast<long long>(records));
+  return 0;
 }
 
 void Data_Set::Free_Survey_Arrays() {
@@ -131,6 +161,7 @@ void Data_Set::Free_Survey_Arrays() {
   Free_Values(key_index);
   Free_Section_Arrays(*this);
   num_dp_records = 0;
+  num_dp_data = 0;
 }
 
 std::string Data_Set::Configuration_Report() const {

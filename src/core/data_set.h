@@ -124,6 +124,10 @@ public:
   // The survey's tables: data points, point electrodes, keys, sections.
   int Allocate_Survey_Arrays();
   void Free_Survey_Arrays();
+  // Grows the data arrays to hold `data` points a series in `series`
+  // series (kept values stay); 1 past the limits or when memory fails (the
+  // memory message names the array).
+  int Reserve_Data_Records(int64_t data, int64_t series);
 
   // "Program and System Configuration" report.
   std::string Configuration_Report() const;

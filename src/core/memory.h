@@ -2,6 +2,7 @@
 // the kernel (mmap), never from the heap, and go back at once when freed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 class Data_Set;
@@ -22,6 +23,24 @@ template <class T> int Allocate_Values(Data_Set &ds, T *&p, int64_t n, const cha
   const int64_t bytes = (n > 0 ? n : 1) * static_cast<int64_t>(sizeof(T));
   p = static_cast<T *>(Allocate_Block(bytes));
   return p ? 0 : Report_Allocation_Failure(ds, name, bytes);
+}
+
+// Grows p from `old_n` to `new_n` values of T, the first old_n kept (the
+// rest zero); on failure p stays as it was and the memory message names the
+// array. Returns 0 or 1.
+template <class T>
+int Grow_Values(Data_Set &ds, T *&p, int64_t old_n, int64_t new_n, const char *name) {
+  if (new_n <= old_n && p)
+    return 0;
+  T *q = nullptr;
+  if (Allocate_Values(ds, q, new_n, name))
+    return 1;
+  if (p && old_n > 0)
+    __builtin_memcpy(static_cast<void *>(q), static_cast<const void *>(p),
+                     static_cast<size_t>(old_n) * sizeof(T));
+  Free_Block(p);
+  p = q;
+  return 0;
 }
 
 template <class T> void Free_Values(T *&p) {

@@ -556,7 +556,7 @@ int64_t Record_Index(const Data_Set &ds, int k, int i) {
 }
 
 int Read_Data_Points(Data_Set &ds) {
-  if (static_cast<int64_t>(ds.mdata) * ds.ntime + 1 > ds.num_dp_records)
+  if (ds.Reserve_Data_Records(ds.mdata, ds.ntime))
     return 1;
   Clear_Reading_State(ds);
   Reading rd;

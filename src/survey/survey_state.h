@@ -69,6 +69,7 @@ struct Survey_State {
   Data_Point *dp = nullptr;
   Data_Point *dp_work = nullptr; // permutation scratch
   int64_t num_dp_records = 0;    // capacity of dp
+  int64_t num_dp_data = 0;       // data a series the scratch and sort arrays hold
   uint8_t *valid_res = nullptr;  // resistivity value valid, per point and series
   uint8_t *valid_ip = nullptr;   // IP value valid
   uint8_t *keep = nullptr;       // 1 keep, 0 removed by a check

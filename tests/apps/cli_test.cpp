@@ -414,22 +414,23 @@ TEST_F(Cli, FolderSettingsAndRefusedInversionFailCleanly) {
 // One thread a pool: OpenBLAS's own worker threads retry a failed buffer
 // allocation for ever, which no program of its can end.
 TEST_F(Cli, AddressSpaceLimitEndsWithAMessage) {
+  // The data arrays are sized from the data file (711 data), not from the
+  // limits of the machine: the mesh fits in 400 MB of address space.
   const int raw = Shell("ulimit -v 400000 &&", "OPENBLAS_NUM_THREADS=1 OMP_NUM_THREADS=1",
                         "mesh '" + std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat'");
   ASSERT_TRUE(WIFEXITED(raw));
-  EXPECT_EQ(WEXITSTATUS(raw), 1);
-  EXPECT_NE(Slurp(dir + "/err.txt").find("Memory allocation error"), std::string::npos);
+  EXPECT_EQ(WEXITSTATUS(raw), 0) << Slurp(dir + "/err.txt");
   // Tighter, with the libraries' own thread counts: the BLAS library's
-  // threads would retry their buffers for ever; the run still ends.
-  const int tight = Shell("ulimit -v 180000 &&", "timeout -s KILL 60 env",
+  // threads would retry their buffers for ever; the run still ends, in words.
+  const int tight = Shell("ulimit -v 160000 &&", "timeout -s KILL 60 env",
                           "mesh '" + std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat'");
   ASSERT_TRUE(WIFEXITED(tight));
   EXPECT_EQ(WEXITSTATUS(tight), 1) << "137: killed after a minute";
   EXPECT_NE(Slurp(dir + "/err.txt").find("Memory allocation error"), std::string::npos);
-  // An inversion whose factorisation no longer fits: it finishes, or ends
-  // with a memory message; it does not hang in the BLAS library's buffers.
+  // An inversion whose factorisation does not fit: it ends with a memory
+  // message; it does not hang in the BLAS library's buffers.
   const int invert =
-      Shell("ulimit -v 1100000 &&", "timeout -s KILL 120 env",
+      Shell("ulimit -v 300000 &&", "timeout -s KILL 120 env",
             "invert '" + std::string(OHMVOL3D_EXAMPLES) + "/grid_9x14.dat' -o g.inv");
   ASSERT_TRUE(WIFEXITED(invert));
   const int status = WEXITSTATUS(invert);

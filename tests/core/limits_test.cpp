@@ -154,6 +154,24 @@ TEST(Limits, DataSetTakesTemplateAtCreate) {
   ASSERT_NE(ds->cell_values[3], nullptr);
   EXPECT_EQ(Block_Size(ds->cell_values[0]), 4 * (60000 + 1));
 
+  // The data arrays start small and grow to the data read, keeping what
+  // they held, up to the limits and no further.
+  EXPECT_LT(ds->num_dp_records, 2000);
+  ds->dp[5].value = 42.0f;
+  ds->keep[5] = 3;
+  ASSERT_EQ(ds->Reserve_Data_Records(5000, 3), 0);
+  EXPECT_EQ(ds->num_dp_records, 15001);
+  EXPECT_EQ(ds->num_dp_data, 5000);
+  EXPECT_EQ(Block_Size(ds->dp), static_cast<int64_t>(sizeof(Data_Point)) * 15001);
+  EXPECT_EQ(Block_Size(ds->sort_index), static_cast<int64_t>(sizeof(int64_t)) * 10004);
+  EXPECT_EQ(ds->dp[5].value, 42.0f);
+  EXPECT_EQ(ds->keep[5], 3);
+  ASSERT_EQ(ds->Reserve_Data_Records(100, 1), 0); // never shrinks
+  EXPECT_EQ(ds->num_dp_records, 15001);
+  EXPECT_EQ(ds->Reserve_Data_Records(60001, 1), 1);
+  EXPECT_EQ(ds->Reserve_Data_Records(60000, 100), 1); // past the record count
+  EXPECT_EQ(ds->num_dp_records, 15001);
+
   ds->First_Paint();
   const std::string report = ds->Configuration_Report();
   EXPECT_TRUE(Starts_With(report, "PC configuration :-\n")) << report;
