@@ -12,6 +12,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -85,12 +86,18 @@ int Run_Case(int grid, int reps, int width, bool factor_only) {
       const double rss_start = Status_MB("VmRSS:");
       // Analysis.
       auto t0 = Clock::now();
-      std::vector<int> xadj(n + 1), adjncy(30 * static_cast<int64_t>(n)), perm(n), invp(n);
+      std::vector<int> xadj(n + 1), adjncy(std::max<int64_t>(2 * m.count, 1)), perm(n), invp(n);
       Blkfct b;
-      const bool analysed =
-          m.Set_Adjacency_From_CSR(30, xadj.data(), adjncy.data()) >= 0 &&
-          mnd_adj(xadj.data(), adjncy.data(), n, perm.data(), invp.data()) == 0 &&
-          b.Symbolic_Factorization(n, xadj.data(), adjncy.data(), perm.data(), invp.data()) == 0;
+      const int64_t edges = m.Set_Adjacency_From_CSR(INT64_MAX, xadj.data(), adjncy.data());
+      const int ordered =
+          edges >= 0 ? mnd_adj(xadj.data(), adjncy.data(), n, perm.data(), invp.data()) : -1;
+      const int symbolic = ordered == 0 ? b.Symbolic_Factorization(n, xadj.data(), adjncy.data(),
+                                                                   perm.data(), invp.data())
+                                        : -1;
+      const bool analysed = edges >= 0 && ordered == 0 && symbolic == 0;
+      if (!analysed)
+        std::printf("analysis failed: adjacency %lld, ordering %d, symbolic %d\n",
+                    static_cast<long long>(edges), ordered, symbolic);
       const double t_analysis = Seconds_Since(t0);
       std::vector<int>().swap(xadj);
       std::vector<int>().swap(adjncy);
