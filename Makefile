@@ -1,9 +1,12 @@
 # make demo: install what is missing, build, and run the main job on the
 #            bundled example.
-# make test: install what is missing, build, and run the tests, then a short
-#            fuzz run of the data file parser under AddressSanitizer and
-#            UndefinedBehaviorSanitizer.
+# make test: install what is missing, build, and run the tests; then the
+#            tests again built with AddressSanitizer and
+#            UndefinedBehaviorSanitizer (make test-asan), and a short fuzz run
+#            of the data file parser in that build.
 # make fuzz: the long fuzz run (a million cases).
+# make test-asan: the whole test suite built with AddressSanitizer and
+#            UndefinedBehaviorSanitizer alone.
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
@@ -12,7 +15,7 @@ FUZZ_LONG_CASES ?= 1000000
 FUZZ_SEED ?= 1
 FUZZ_JOBS ?= $(JOBS)
 
-.PHONY: all deps configure build unit-test test fuzz-build fuzz-short fuzz demo clean
+.PHONY: all deps configure build unit-test test asan-configure test-asan fuzz-build fuzz-short fuzz demo clean
 
 all: build
 
@@ -29,11 +32,21 @@ unit-test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 test: unit-test
+	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory fuzz-short
 
-fuzz-build: deps
+# One sanitizer build serves the test suite and the fuzz driver. Leak
+# reports are off: the numerical libraries keep their work buffers to the
+# end of the process.
+asan-configure: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOHMVOL3D_SANITIZE=ON \
-	  -DOHMVOL3D_TESTS=OFF
+	  -DOHMVOL3D_TESTS=ON
+
+test-asan: asan-configure
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure -j $(JOBS)
+
+fuzz-build: asan-configure
 	cmake --build $(ASAN_BUILD) -j $(JOBS) --target ohmvol3d_fuzz
 
 # The inputs that once broke the parser, then mutated cases.
