@@ -3,15 +3,18 @@
 # make test: install what is missing, build, and run the tests; then the
 #            tests again built with AddressSanitizer and
 #            UndefinedBehaviorSanitizer (make test-asan), and a short fuzz run
-#            of the data file parser in that build.
-# make fuzz: the long fuzz run (a million cases).
+#            of every reader in that build.
+# make fuzz: the long fuzz run: six million data files, and a million
+#            cases of each other reader (.ivp, model, results, ini files).
 # make test-asan: the whole test suite built with AddressSanitizer and
 #            UndefinedBehaviorSanitizer alone.
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 FUZZ_CASES ?= 100000
-FUZZ_LONG_CASES ?= 1000000
+FUZZ_LONG_CASES ?= 6000000
+FUZZ_READER_CASES ?= 5000
+FUZZ_READER_LONG_CASES ?= 1000000
 FUZZ_SEED ?= 1
 FUZZ_JOBS ?= $(JOBS)
 
@@ -47,7 +50,7 @@ test-asan: asan-configure
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure -j $(JOBS)
 
 fuzz-build: asan-configure
-	cmake --build $(ASAN_BUILD) -j $(JOBS) --target ohmvol3d_fuzz
+	cmake --build $(ASAN_BUILD) -j $(JOBS) --target ohmvol3d_fuzz ohmvol3d_fuzz_readers
 
 # The inputs that once broke the parser, then mutated cases.
 FUZZ_REGRESSIONS = $(wildcard tests/fuzz/crashes/*.dat)
@@ -56,10 +59,14 @@ fuzz-short: fuzz-build
 	$(if $(FUZZ_REGRESSIONS),$(ASAN_BUILD)/ohmvol3d_fuzz --run $(FUZZ_REGRESSIONS))
 	$(ASAN_BUILD)/ohmvol3d_fuzz --cases $(FUZZ_CASES) --jobs $(FUZZ_JOBS) --seed $(FUZZ_SEED) \
 	  --corpus examples
+	ASAN_OPTIONS=detect_leaks=0 $(ASAN_BUILD)/ohmvol3d_fuzz_readers --cases $(FUZZ_READER_CASES) \
+	  --seed $(FUZZ_SEED)
 
 fuzz: fuzz-build
 	$(ASAN_BUILD)/ohmvol3d_fuzz --cases $(FUZZ_LONG_CASES) --jobs $(FUZZ_JOBS) --seed $(FUZZ_SEED) \
 	  --corpus examples --keep-going
+	ASAN_OPTIONS=detect_leaks=0 $(ASAN_BUILD)/ohmvol3d_fuzz_readers \
+	  --cases $(FUZZ_READER_LONG_CASES) --seed $(FUZZ_SEED)
 
 demo: build
 	bash scripts/demo.sh $(BUILD)
