@@ -40,35 +40,43 @@ inline Front_End Silent_Front_End(bool warnings_only) {
   return fe;
 }
 
+// The head of a survey file over an n x n grid of lines `spacing` metres
+// apart with an electrode at every node: the title, the grid lines, the
+// array lines `array` and the electrode list.
+inline std::string Square_Grid_Head(const char *title, int n, double spacing, const char *array) {
+  std::string f = std::string(title) + "\n";
+  char line[256];
+  std::snprintf(line, sizeof line, "%d,%d\nNonuniform Grid\nX-location of grid lines\n", n, n);
+  f += line;
+  for (int axis = 0; axis < 2; axis++) {
+    for (int i = 0; i < n; i++) {
+      std::snprintf(line, sizeof line, "%.2f ", i * spacing);
+      f += line;
+    }
+    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
+  }
+  f += array;
+  std::snprintf(line, sizeof line,
+                "Point Electrodes outside grid present\nNumber of point electrodes\n%d\n"
+                "Compressed format used for point electrodes coordinates\n",
+                n * n);
+  f += line;
+  for (int j = 0, e = 1; j < n; j++)
+    for (int i = 0; i < n; i++, e++) {
+      std::snprintf(line, sizeof line, "%d %.3f,%.3f,0.000\n", e, i * spacing, j * spacing);
+      f += line;
+    }
+  return f;
+}
+
 // The data file's text: `title` on its first line, n x n grid lines and
 // electrodes, `layers` user layers growing by 1.15 from 0.5 m; dipole-dipole
 // lines along x (and along y too with `both_ways`) on every other grid line,
 // dipole length 1 m, n factors 1 to `max_spacing`.
 inline std::string Make_Grid_Survey(const char *title, int n, int layers, bool both_ways = false,
                                     int max_spacing = 6) {
-  std::string f;
+  std::string f = Square_Grid_Head(title, n, 1.0, "3\n");
   char line[256];
-  f += title;
-  f += "\n";
-  std::snprintf(line, sizeof line, "%d,%d\nNonuniform Grid\nX-location of grid lines\n", n, n);
-  f += line;
-  for (int axis = 0; axis < 2; axis++) {
-    for (int i = 0; i < n; i++) {
-      std::snprintf(line, sizeof line, "%d.00 ", i);
-      f += line;
-    }
-    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
-  }
-  std::snprintf(line, sizeof line,
-                "3\nPoint Electrodes outside grid present\nNumber of point electrodes\n%d\n"
-                "Compressed format used for point electrodes coordinates\n",
-                n * n);
-  f += line;
-  for (int j = 0, e = 1; j < n; j++)
-    for (int i = 0; i < n; i++, e++) {
-      std::snprintf(line, sizeof line, "%d %d.000,%d.000,0.000\n", e, i, j);
-      f += line;
-    }
   std::snprintf(line, sizeof line,
                 "User defined depths to layers present\nNumber of layers\n%d\nDepth of layers\n",
                 layers);
@@ -109,29 +117,10 @@ inline std::string Make_Grid_Survey(const char *title, int n, int layers, bool b
 // (a = 1 up to a quarter of the line), with the electrodes listed. Every
 // value is `value`.
 inline std::string Make_Square_Survey(const char *title, int n, double spacing, double value) {
-  std::string f, points;
+  std::string f = Square_Grid_Head(
+      title, n, spacing, "11\n0\nType of data (0=Apparent Resistivity,1=Resistance)\n0\n");
+  std::string points;
   char line[256];
-  std::snprintf(line, sizeof line, "%s\n%d,%d\nNonuniform Grid\nX-location of grid lines\n", title,
-                n, n);
-  f += line;
-  for (int axis = 0; axis < 2; axis++) {
-    for (int i = 0; i < n; i++) {
-      std::snprintf(line, sizeof line, "%.2f ", i * spacing);
-      f += line;
-    }
-    f += axis == 0 ? "\nY-location of grid lines\n" : "\n";
-  }
-  std::snprintf(line, sizeof line,
-                "11\n0\nType of data (0=Apparent Resistivity,1=Resistance)\n0\n"
-                "Point Electrodes outside grid present\nNumber of point electrodes\n%d\n"
-                "Compressed format used for point electrodes coordinates\n",
-                n * n);
-  f += line;
-  for (int j = 0, e = 1; j < n; j++)
-    for (int i = 0; i < n; i++, e++) {
-      std::snprintf(line, sizeof line, "%d %.3f,%.3f,0.000\n", e, i * spacing, j * spacing);
-      f += line;
-    }
   int count = 0;
   // Electrode i of grid line j along x (along_y 0) or y (1), in metres.
   auto at = [&](int along_y, int j, int i, char *out, size_t size) {

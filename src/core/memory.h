@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 class Data_Set;
 
@@ -36,8 +37,8 @@ int Grow_Values(Data_Set &ds, T *&p, int64_t old_n, int64_t new_n, const char *n
   if (Allocate_Values(ds, q, new_n, name))
     return 1;
   if (p && old_n > 0)
-    __builtin_memcpy(static_cast<void *>(q), static_cast<const void *>(p),
-                     static_cast<size_t>(old_n) * sizeof(T));
+    std::memcpy(static_cast<void *>(q), static_cast<const void *>(p),
+                static_cast<size_t>(old_n) * sizeof(T));
   Free_Block(p);
   p = q;
   return 0;

@@ -81,7 +81,6 @@ void Set_Initial_Settings_LeastSquares(Data_Set &ds) {
   ls.unstable_step = 0;
   ls.time_set = ls.time_fac = ls.time_solve = ls.time_mesh = 0.0;
   ls.time_first_setup = 0.0;
-  ls.forward_count = 0;
   ls.time_jac = ls.time_jac1 = ls.time_jac2 = ls.time_jac3 = ls.time_jac4 = 0.0;
   ls.time_jac_mul = ls.time_rough_filter = ls.time_forward = ls.time_normal = ls.time_chol = 0.0;
   ls.time_compress = ls.time_cg = 0.0;

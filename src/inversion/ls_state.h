@@ -95,7 +95,6 @@ public:
   // The first forward model of the run less its factorisation and solves:
   // mesh, element matrices, assembly, ordering and analysis.
   double time_first_setup = 0.0;
-  int forward_count = 0;
   double time_compress = 0.0, time_cg = 0.0;
   // The last conjugate-gradient solve: iterations, sqrt of its final ratio.
   int cg_iterations = 0;

@@ -30,11 +30,11 @@ int Forward_Model_Inversion(Data_Set &ds, int jacob) {
   const auto t0 = Clock::now();
   int ierr = Forward_Model_LS(ds, ls.rt.data(), nullptr, jacob);
   const double t_forward = Seconds_Since(t0);
+  if (ls.time_forward == 0.0) // the run's first forward model
+    ls.time_first_setup = t_forward - ds.Fem.report.t_factor - ds.Fem.report.t_solve;
   ls.time_forward += t_forward;
   ls.time_fac += ds.Fem.report.t_factor;
   ls.time_solve += ds.Fem.report.t_solve;
-  if (ls.forward_count++ == 0)
-    ls.time_first_setup = t_forward - ds.Fem.report.t_factor - ds.Fem.report.t_solve;
   if (ierr)
     return ierr;
   std::copy(ds.Fem.rm.data(), ds.Fem.rm.data() + ds.mdata, ls.rm.begin());

@@ -201,35 +201,29 @@ void Build_Cell_Nodes(const Cell_Layout &c, Cell_Nodes &cn) {
   const int nmodel = static_cast<int>(c.ksort.size()) - 1;
   cn.start.assign(nmodel + 1, 0);
   cn.local.assign(c.knode.size(), 0);
-  auto distinct = [&](int b, std::vector<int> &nodes) {
-    nodes.assign(c.knode.begin() + c.ksort[b], c.knode.begin() + c.ksort[b + 1]);
-    std::sort(nodes.begin(), nodes.end());
-    nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
-  };
+  // Each cell's entries sorted once: their indices among its distinct nodes
+  // and the count; the node list is then written back from those indices.
 #pragma omp parallel
   {
     std::vector<int> nodes;
 #pragma omp for schedule(dynamic, 64)
     for (int b = 0; b < nmodel; b++) {
-      distinct(b, nodes);
+      nodes.assign(c.knode.begin() + c.ksort[b], c.knode.begin() + c.ksort[b + 1]);
+      std::sort(nodes.begin(), nodes.end());
+      nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
+      for (int k = c.ksort[b]; k < c.ksort[b + 1]; k++)
+        cn.local[k] = static_cast<int>(std::lower_bound(nodes.begin(), nodes.end(), c.knode[k]) -
+                                       nodes.begin());
       cn.start[b + 1] = static_cast<int>(nodes.size());
     }
   }
   for (int b = 0; b < nmodel; b++)
     cn.start[b + 1] += cn.start[b];
   cn.node.assign(cn.start[nmodel], 0);
-#pragma omp parallel
-  {
-    std::vector<int> nodes;
-#pragma omp for schedule(dynamic, 64)
-    for (int b = 0; b < nmodel; b++) {
-      distinct(b, nodes);
-      std::copy(nodes.begin(), nodes.end(), cn.node.begin() + cn.start[b]);
-      for (int k = c.ksort[b]; k < c.ksort[b + 1]; k++)
-        cn.local[k] = static_cast<int>(std::lower_bound(nodes.begin(), nodes.end(), c.knode[k]) -
-                                       nodes.begin());
-    }
-  }
+#pragma omp parallel for schedule(dynamic, 64)
+  for (int b = 0; b < nmodel; b++)
+    for (int k = c.ksort[b]; k < c.ksort[b + 1]; k++)
+      cn.node[cn.start[b] + cn.local[k]] = c.knode[k];
 }
 
 // The sources the data use, as columns: column j x vw + p holds part p (real,
@@ -607,10 +601,6 @@ int For_Blocks(Jacobian_Pass &jp, size_t k0, size_t k1, int64_t smax, int64_t co
   return failed;
 }
 
-double Seconds_Between(Clock::time_point a, Clock::time_point b) {
-  return std::chrono::duration<double>(b - a).count();
-}
-
 // Fields in memory: each thread takes a block at a time, fills its U and W
 // for every column, then the block's entries of every datum. Blocks are
 // sized so that U and W stay in the core's cache.
@@ -629,10 +619,10 @@ int Pass_In_Memory(Jacobian_Pass &jp, const Field_Store &fields,
       Fill_Columns(*jp.ss, *jp.fem, *jp.c, *jp.cn, blk, field, nl, pw.ql.data(), pw.wl.data(),
                    pw.U.data() + g * blk.S, pw.W.data() + g * blk.S, blk.S);
     }
+    pw.t_fill += Seconds_Since(tf);
     const auto tr = Clock::now();
     Rows_Of_Block(*jp.c, *jp.cn, blk, pw.U.data(), pw.W.data(), blk.S, jp.cmplx, jp.terms, jp.nd,
                   pw.a.data(), pw.q.data(), jp.rows_r, jp.rows_i, jp.nmodel);
-    pw.t_fill += Seconds_Between(tf, tr);
     pw.t_rows += Seconds_Since(tr);
   });
 }
@@ -838,12 +828,14 @@ int Finite_Element_Jacobian_Real_data_ss(Data_Set &ds) {
     jp.rows_i = cmplx ? grtemp_i.data() : nullptr;
     // On disk, the cells go in spans whose products take at most a quarter
     // of the free memory.
-    const int64_t span = std::max<int64_t>(smax, fem.jacobian_span_nodes > 0
-                                                     ? fem.jacobian_span_nodes
-                                                     : Available_Memory_Bytes() / 4 /
-                                                           (8 * std::max<int64_t>(columns, 1)));
+    auto span = [&]() {
+      return std::max<int64_t>(smax, fem.jacobian_span_nodes > 0
+                                         ? fem.jacobian_span_nodes
+                                         : Available_Memory_Bytes() / 4 /
+                                               (8 * std::max<int64_t>(columns, 1)));
+    };
     const int e = fields.memp ? Pass_In_Memory(jp, fields, blocks, smax)
-                              : Pass_From_Disk(jp, fields, blocks, smax, n, span);
+                              : Pass_From_Disk(jp, fields, blocks, smax, n, span());
     if (e) {
       if (e == 1)
         Show_Text(ds, cmplx ? "Memory Error ipcmplx>0" : "Memory Error ipcmplx==0", MK_WARNING,

@@ -32,21 +32,15 @@
 #include "core/ini_file.h"
 #include "core/ivp_file.h"
 #include "core/settings_snapshot.h"
+#include "core/test_support.h"
 #include "forward/synthetic.h"
 
 namespace {
 
-constexpr unsigned case_seconds = 20; // a case running longer is a hang
+using test_support::Lines;
+using test_support::Read_File;
 
-Front_End Quiet_Front_End() {
-  Front_End fe;
-  fe.message = [](void *, const char *, const char *, int) {};
-  fe.question = [](void *, const char *, const char *) { return 0; };
-  fe.panel_line = [](void *, const char *, int) {};
-  fe.progress = [](void *, const char *, double) { return 0; };
-  fe.beep = [](void *) {};
-  return fe;
-}
+constexpr unsigned case_seconds = 20; // a case running longer is a hang
 
 // splitmix64: the cases of a seed are the same wherever they run.
 struct Random {
@@ -59,15 +53,6 @@ struct Random {
   }
   size_t Below(size_t n) { return n ? static_cast<size_t>(Next() % n) : 0; }
 };
-
-std::vector<std::string> Lines(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line))
-    lines.push_back(line);
-  return lines;
-}
 
 std::string Join(const std::vector<std::string> &lines) {
   std::string text;
@@ -144,13 +129,6 @@ std::string Mutate(std::string text, Random &r) {
   return text;
 }
 
-std::string Slurp(const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
 bool Spit(const std::string &path, const std::string &text) {
   std::ofstream f(path, std::ios::binary);
   f << text;
@@ -198,7 +176,7 @@ struct Run {
     Start_Options so;
     so.buffer_folder = folder + "/";
     so.config_folder = folder + "/";
-    ds = std::make_unique<Data_Set>(so, Quiet_Front_End());
+    ds = std::make_unique<Data_Set>(so, Front_End());
     ds->batch_mode = 1;
     ds->Create();
     ds->First_Paint();
@@ -219,13 +197,13 @@ struct Run {
       return 1;
     ds->LS_method.nit = nit;
     start.Take(*ds);
-    modes = {{"ivp", {Slurp(ivp)}, Run_Ivp},
+    modes = {{"ivp", {Read_File(ivp)}, Run_Ivp},
              {"model",
-              {Slurp(std::string(OHMVOL3D_EXAMPLES) + "/field_two_layer_model.txt"),
+              {Read_File(std::string(OHMVOL3D_EXAMPLES) + "/field_two_layer_model.txt"),
                "background 100\nbox 2 8 1 5 0.5 2 10\nlayer 0 3 30\n"},
               Run_Model},
-             {"results", {Slurp(inv)}, Run_Results},
-             {"ini", {Slurp(ini)}, Run_Ini}};
+             {"results", {Read_File(inv)}, Run_Results},
+             {"ini", {Read_File(ini)}, Run_Ini}};
     return 0;
   }
   ~Run() {
@@ -339,7 +317,7 @@ int main(int argc, char **argv) {
     const auto tm = std::chrono::steady_clock::now();
     if (!files.empty()) {
       for (const std::string &f : files) {
-        taken += run.Run_Case(*m, Slurp(f));
+        taken += run.Run_Case(*m, Read_File(f));
         n++;
       }
     } else {

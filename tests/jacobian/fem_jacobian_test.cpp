@@ -7,8 +7,7 @@
 
 #include <cmath>
 #include <complex>
-#include <fstream>
-#include <iterator>
+#include <string>
 #include <vector>
 
 #include "core/temp_files.h"
@@ -180,10 +179,6 @@ double Largest_Row_Difference(const Jacobian_Rows &jac,
   return worst;
 }
 
-std::vector<char> File_Bytes(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 } // namespace
 
 TEST(FemJacobian, RealEntriesMatchFiniteDifferences) {
@@ -280,11 +275,11 @@ TEST(FemJacobian, SameBitsOnOneThreadAndTwo) {
   const std::vector<float> res = Contrast_Model(n);
   const int saved = omp_get_max_threads();
   Jacobian_Rows rows[2];
-  std::vector<char> fields[2];
+  std::string fields[2];
   for (int t = 0; t < 2; t++) {
     omp_set_num_threads(2);
     ASSERT_EQ(Forward_Model_Real(ds, res.data(), 1), 0);
-    fields[t] = File_Bytes(ds.file_names.temp[TF_POTENTIALS]);
+    fields[t] = test_support::Read_File(ds.file_names.temp[TF_POTENTIALS]);
     omp_set_num_threads(t + 1);
     ASSERT_EQ(Finite_Element_Jacobian_Real_data_ss(ds), 0);
     rows[t] = Read_Jacobian(ds, false);
